@@ -1,0 +1,22 @@
+// Checking a received document against the registry and applying it.
+#pragma once
+
+#include <atomic>
+#include <string>
+
+// Set by updateConfig when "Enable internal sdcard only" changed; cleared by setConfig.
+extern std::atomic<int> internalSdcardOnlyChanged;
+// Set by updateConfig when the Bluetooth snoop module is being enabled.
+extern std::atomic<bool> btSnoopConfigChanged;
+
+// 0 when the text fits the registry, -1 (with an error line) otherwise.
+int validateConfig(const char* text);
+// Copies changed values into the registry by position; survives texts that do not fit.
+void updateConfig(const char* text);
+// Every module judges its settings; with mode 1 the objections go to the service.
+int moduleValConfig(int mode);
+// Marks enabled modules for restart when no configuration file is at `configPath`.
+void moduleRestartNeeded(std::string configPath);
+void isBTSnooplogConfigChanged();
+// The whole apply sequence. Does not take ownership of `text`.
+void setConfig(const char* text);

@@ -1,0 +1,17 @@
+// The configuration document: the registry's settings as one JSON text.
+#pragma once
+
+#include <mutex>
+
+// Serialises every build of the document that is followed by a file write or a send.
+// Never hold it across a function that takes it itself (sendConfig does).
+extern std::mutex configMutex;
+
+// Builds the document from the registry (json_dumps, flags 0). The caller free()s the
+// text. May move "Log Path"/"Storage Directory" values into the current storage root.
+// Null only when json_dumps fails. All JSON values are released before it returns.
+char* getConfig();
+// Releases what a build left behind (nothing: getConfig keeps no values).
+void decrefJson();
+// Builds the document under configMutex and sends it to the companion service.
+void sendConfig();

@@ -1,0 +1,368 @@
+#include "platform/host/host_platform.h"
+
+#include <android/log.h>
+#include <dlfcn.h>
+#include <fcntl.h>
+#include <signal.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cmath>
+#include <cstdlib>
+#include <cstring>
+#include <thread>
+#include <vector>
+
+// Not declared by the host liblog headers, but exported by the library.
+extern "C" int32_t __android_log_set_minimum_priority(int32_t priority);
+
+namespace vigild::platform::host {
+
+HostRoot::HostRoot(std::string root) : root_(std::move(root)) {
+    while (root_.size() > 1 && root_.back() == '/') root_.pop_back();
+    if (root_ == "/") root_.clear();
+}
+
+std::string HostRoot::toHost(std::string_view devicePath) const {
+    if (devicePath.empty()) return std::string();
+    std::vector<std::string_view> parts;
+    size_t pos = 0;
+    while (pos <= devicePath.size()) {
+        size_t next = devicePath.find('/', pos);
+        if (next == std::string_view::npos) next = devicePath.size();
+        std::string_view part = devicePath.substr(pos, next - pos);
+        if (part == "..") {
+            if (!parts.empty()) parts.pop_back();
+        } else if (!part.empty() && part != ".") {
+            parts.push_back(part);
+        }
+        pos = next + 1;
+    }
+    std::string out = root_;
+    for (std::string_view part : parts) {
+        out += '/';
+        out += part;
+    }
+    if (parts.empty() || devicePath.back() == '/') out += '/';
+    return out;
+}
+
+namespace {
+
+// A property name is one file name inside the store.
+bool validPropertyName(const char* key) {
+    return key != nullptr && key[0] != '\0' && key[0] != '.' && strchr(key, '/') == nullptr &&
+           strlen(key) < 256;
+}
+
+int copyDefault(char* value, const char* defaultValue) {
+    if (defaultValue == nullptr) {
+        value[0] = '\0';
+        return 0;
+    }
+    size_t n = strnlen(defaultValue, kPropValueMax - 1);
+    memcpy(value, defaultValue, n);
+    value[n] = '\0';
+    return static_cast<int>(n);
+}
+
+} // namespace
+
+FileProperties::FileProperties(const DeviceRoot* root) : root_(root) {}
+
+int FileProperties::get(const char* key, char* value, const char* defaultValue) {
+    if (!validPropertyName(key)) return copyDefault(value, defaultValue);
+    std::string path = root_->toHost(std::string("/dev/__properties__/") + key);
+    int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK);
+    if (fd < 0) return copyDefault(value, defaultValue);
+    struct stat st;
+    if (fstat(fd, &st) != 0 || !S_ISREG(st.st_mode)) {
+        ::close(fd);
+        return copyDefault(value, defaultValue);
+    }
+    char buf[kPropValueMax + 1];
+    size_t got = 0;
+    while (got < sizeof(buf)) {
+        ssize_t n = ::read(fd, buf + got, sizeof(buf) - got);
+        if (n < 0 && errno == EINTR) continue;
+        if (n <= 0) break;
+        got += static_cast<size_t>(n);
+    }
+    ::close(fd);
+    // One trailing newline is not part of the value (echo value > file).
+    if (got > 0 && got <= kPropValueMax && buf[got - 1] == '\n') got--;
+    if (got > kPropValueMax - 1) got = kPropValueMax - 1;
+    if (got == 0) return copyDefault(value, defaultValue);
+    memcpy(value, buf, got);
+    value[got] = '\0';
+    return static_cast<int>(got);
+}
+
+int FileProperties::set(const char* key, const char* value) {
+    if (!validPropertyName(key) || value == nullptr) return -1;
+    size_t len = strlen(value);
+    if (len > kPropValueMax - 1 && strncmp(key, "ro.", 3) != 0) return -1;
+    std::string dir = root_->toHost("/dev/__properties__/");
+    // Create the store folder and its parent when missing.
+    for (const char* p : {"/dev", "/dev/__properties__"}) {
+        ::mkdir(root_->toHost(p).c_str(), 0755);
+    }
+    std::string tmp = dir + "." + key + ".XXXXXX";
+    std::vector<char> tmpl(tmp.begin(), tmp.end());
+    tmpl.push_back('\0');
+    int fd = mkostemp(tmpl.data(), O_CLOEXEC);
+    if (fd < 0) return -1;
+    bool ok = writeAll(fd, value, len);
+    ok = (fchmod(fd, 0644) == 0) && ok;
+    ok = (::close(fd) == 0) && ok;
+    if (!ok || ::rename(tmpl.data(), (dir + key).c_str()) != 0) {
+        ::unlink(tmpl.data());
+        return -1;
+    }
+    if (strcmp(key, "ctl.stop") == 0 && ctlStop_) ctlStop_(value);
+    return 0;
+}
+
+LiblogSink::LiblogSink() { __android_log_set_minimum_priority(ANDROID_LOG_DEBUG); }
+
+void LiblogSink::write(int priority, const char* tag, const char* text) {
+    __android_log_write(priority, tag, text);
+}
+
+time_t ScaledClock::wallTime() { return time(nullptr); }
+
+void ScaledClock::sleepFor(std::chrono::milliseconds duration) {
+    auto scaled = std::chrono::duration<double, std::milli>(duration.count() * scale_);
+    std::this_thread::sleep_for(scaled);
+}
+
+HostProcesses::HostProcesses(const DeviceRoot* root, Properties* properties)
+    : root_(root), properties_(properties) {}
+
+bool HostProcesses::handleDeviceCommand(const char* command) {
+    if (strncmp(command, "chown ", 6) == 0) return true;
+    if (strncmp(command, "setprop ", 8) == 0) {
+        std::string rest(command + 8);
+        size_t blank = rest.find(' ');
+        std::string key = rest.substr(0, blank);
+        std::string value = blank == std::string::npos ? std::string() : rest.substr(blank + 1);
+        properties_->set(key.c_str(), value.c_str());
+        return true;
+    }
+    return false;
+}
+
+FILE* HostProcesses::openShell(const char* command) {
+    if (handleDeviceCommand(command)) return ::popen(":", "r");
+    return ::popen(command, "r");
+}
+
+int HostProcesses::closeShell(FILE* stream) { return ::pclose(stream); }
+
+int HostProcesses::runShell(const char* command) {
+    if (handleDeviceCommand(command)) return 0;
+    return ::system(command);
+}
+
+Child HostProcesses::spawn(const char* devicePath) {
+    Child child;
+    int fds[2];
+    if (::pipe2(fds, O_CLOEXEC) != 0) return child;
+    std::string path = root_->toHost(devicePath);
+    pid_t pid = ::fork();
+    if (pid == 0) {
+        // Only async-signal-safe calls from here on.
+        ::dup2(fds[1], 1);
+        ::dup2(fds[1], 2);
+        ::execl(path.c_str(), devicePath, static_cast<char*>(nullptr));
+        ::_exit(1);
+    }
+    ::close(fds[1]);
+    child.pid = pid;
+    child.outputFd = fds[0];
+    return child;
+}
+
+pid_t HostProcesses::wait(pid_t pid, int* status, int options) {
+    pid_t r;
+    do {
+        r = ::waitpid(pid, status, options);
+    } while (r < 0 && errno == EINTR);
+    return r;
+}
+
+int HostProcesses::kill(pid_t pid, int signal) { return ::kill(pid, signal); }
+
+void* HostLoader::open(const char* devicePath, int flags) {
+    return ::dlopen(root_->toHost(devicePath).c_str(), flags);
+}
+
+void* HostLoader::symbol(void* handle, const char* name) { return ::dlsym(handle, name); }
+
+const char* HostLoader::error() { return ::dlerror(); }
+
+bool writeAll(int fd, const void* data, size_t size) {
+    const char* p = static_cast<const char*>(data);
+    while (size > 0) {
+        ssize_t n = ::send(fd, p, size, MSG_NOSIGNAL);
+        if (n < 0 && errno == ENOTSOCK) n = ::write(fd, p, size);
+        if (n < 0 && errno == EINTR) continue;
+        if (n <= 0) return false;
+        p += n;
+        size -= static_cast<size_t>(n);
+    }
+    return true;
+}
+
+bool readAll(int fd, void* data, size_t size) {
+    char* p = static_cast<char*>(data);
+    while (size > 0) {
+        ssize_t n = ::read(fd, p, size);
+        if (n < 0 && errno == EINTR) continue;
+        if (n <= 0) return false;
+        p += n;
+        size -= static_cast<size_t>(n);
+    }
+    return true;
+}
+
+bool SocketServiceManager::exists() const {
+    struct stat st;
+    return ::stat(root_->toHost("/dev/binder/").c_str(), &st) == 0 && S_ISDIR(st.st_mode);
+}
+
+std::shared_ptr<Binder> SocketServiceManager::getService(const std::string& name) {
+    if (name.empty() || name.find('/') != std::string::npos) return nullptr;
+    std::string path = root_->toHost("/dev/binder/" + name);
+    struct sockaddr_un addr = {};
+    addr.sun_family = AF_UNIX;
+    if (path.size() >= sizeof(addr.sun_path)) return nullptr;
+    memcpy(addr.sun_path, path.c_str(), path.size() + 1);
+    int fd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    if (fd < 0) return nullptr;
+    if (::connect(fd, reinterpret_cast<struct sockaddr*>(&addr), sizeof(addr)) != 0) {
+        ::close(fd);
+        return nullptr;
+    }
+    return std::make_shared<SocketBinder>(fd);
+}
+
+SocketBinder::~SocketBinder() {
+    if (fd_ >= 0) ::close(fd_);
+}
+
+namespace {
+void putU32(std::vector<uint8_t>& out, uint32_t v) {
+    for (int i = 0; i < 4; i++) out.push_back(static_cast<uint8_t>(v >> (8 * i)));
+}
+uint32_t getU32(const uint8_t* p) {
+    return static_cast<uint32_t>(p[0]) | static_cast<uint32_t>(p[1]) << 8 |
+           static_cast<uint32_t>(p[2]) << 16 | static_cast<uint32_t>(p[3]) << 24;
+}
+} // namespace
+
+int32_t SocketBinder::transact(uint32_t code, const std::vector<uint8_t>& data,
+                               std::vector<uint8_t>* reply, uint32_t flags) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    reply->clear();
+    if (fd_ < 0 || data.size() > kMaxFrameSize) return kDeadObject;
+    std::vector<uint8_t> frame;
+    frame.reserve(12 + data.size());
+    putU32(frame, code);
+    putU32(frame, flags);
+    putU32(frame, static_cast<uint32_t>(data.size()));
+    frame.insert(frame.end(), data.begin(), data.end());
+    uint8_t header[8];
+    if (!writeAll(fd_, frame.data(), frame.size()) || !readAll(fd_, header, sizeof(header))) {
+        ::close(fd_);
+        fd_ = -1;
+        return kDeadObject;
+    }
+    int32_t status = static_cast<int32_t>(getU32(header));
+    uint32_t size = getU32(header + 4);
+    if (size > kMaxFrameSize) {
+        ::close(fd_);
+        fd_ = -1;
+        return kDeadObject;
+    }
+    reply->resize(size);
+    if (size > 0 && !readAll(fd_, reply->data(), size)) {
+        reply->clear();
+        ::close(fd_);
+        fd_ = -1;
+        return kDeadObject;
+    }
+    return status;
+}
+
+namespace {
+
+struct HostBackend {
+    std::unique_ptr<HostRoot> root;
+    std::unique_ptr<FileProperties> properties;
+    std::unique_ptr<LiblogSink> log;
+    std::unique_ptr<ScaledClock> clock;
+    std::unique_ptr<HostProcesses> processes;
+    std::unique_ptr<HostLoader> loader;
+    std::unique_ptr<SocketServiceManager> services;
+};
+
+HostBackend* gBackend = nullptr;
+
+ServiceManager* hostServiceManager() {
+    if (gBackend == nullptr || !gBackend->services->exists()) return nullptr;
+    return gBackend->services.get();
+}
+
+} // namespace
+
+void installForRoot(const std::string& root, double timeScale) {
+    // Lives for the process: the threads that use it are never joined at exit.
+    auto* backend = new HostBackend;
+    backend->root = std::make_unique<HostRoot>(root);
+    backend->properties = std::make_unique<FileProperties>(backend->root.get());
+    backend->log = std::make_unique<LiblogSink>();
+    backend->clock = std::make_unique<ScaledClock>(timeScale);
+    backend->processes =
+        std::make_unique<HostProcesses>(backend->root.get(), backend->properties.get());
+    backend->loader = std::make_unique<HostLoader>(backend->root.get());
+    backend->services = std::make_unique<SocketServiceManager>(backend->root.get());
+    gBackend = backend;
+    Platform p;
+    p.properties = backend->properties.get();
+    p.log = backend->log.get();
+    p.root = backend->root.get();
+    p.clock = backend->clock.get();
+    p.processes = backend->processes.get();
+    p.loader = backend->loader.get();
+    p.serviceManager = hostServiceManager;
+    install(p);
+}
+
+bool installFromEnvironment(std::string* error) {
+    const char* root = getenv("VIGILD_ROOT");
+    if (root == nullptr || root[0] != '/') {
+        *error = "vigild: VIGILD_ROOT must be set to the absolute path of the device root";
+        return false;
+    }
+    double scale = 1.0;
+    if (const char* s = getenv("VIGILD_TIME_SCALE"); s != nullptr && s[0] != '\0') {
+        char* end = nullptr;
+        errno = 0;
+        scale = strtod(s, &end);
+        if (errno != 0 || end == s || *end != '\0' || !std::isfinite(scale) || scale <= 0) {
+            *error = std::string("vigild: VIGILD_TIME_SCALE must be a positive number, not ") + s;
+            return false;
+        }
+    }
+    installForRoot(root, scale);
+    return true;
+}
+
+FileProperties* hostProperties() { return gBackend ? gBackend->properties.get() : nullptr; }
+
+} // namespace vigild::platform::host

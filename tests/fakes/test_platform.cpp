@@ -1,0 +1,252 @@
+#include "fakes/test_platform.h"
+
+#include <unistd.h>
+
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <future>
+#include <sstream>
+#include <thread>
+
+#include "core/daemon_state.h"
+#include "core/debug_singleton.h"
+
+namespace vigild::testing {
+
+int MemoryProperties::get(const char* key, char* value, const char* defaultValue) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    auto it = values_.find(key);
+    const char* src = (it == values_.end() || it->second.empty()) ? defaultValue
+                                                                  : it->second.c_str();
+    if (src == nullptr) src = "";
+    size_t n = strnlen(src, platform::kPropValueMax - 1);
+    memcpy(value, src, n);
+    value[n] = '\0';
+    return static_cast<int>(n);
+}
+
+int MemoryProperties::set(const char* key, const char* value) {
+    if (key == nullptr || value == nullptr) return -1;
+    if (strlen(value) > platform::kPropValueMax - 1 && strncmp(key, "ro.", 3) != 0) return -1;
+    std::lock_guard<std::mutex> lock(mutex_);
+    values_[key] = value;
+    writes_.emplace_back(key, value);
+    return 0;
+}
+
+std::optional<std::string> MemoryProperties::value(const std::string& key) const {
+    std::lock_guard<std::mutex> lock(mutex_);
+    auto it = values_.find(key);
+    if (it == values_.end()) return std::nullopt;
+    return it->second;
+}
+
+void MemoryProperties::erase(const std::string& key) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    values_.erase(key);
+}
+
+std::vector<std::pair<std::string, std::string>> MemoryProperties::writes() const {
+    std::lock_guard<std::mutex> lock(mutex_);
+    return writes_;
+}
+
+void RecordingLog::write(int priority, const char*, const char* text) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    lines_.push_back({priority, text});
+    if (getenv("VIGILD_TEST_LOG") != nullptr) fprintf(stderr, "[%d] %s\n", priority, text);
+}
+
+std::vector<LogLine> RecordingLog::lines() const {
+    std::lock_guard<std::mutex> lock(mutex_);
+    return lines_;
+}
+
+int RecordingLog::count(const std::string& text, int priority) const {
+    std::lock_guard<std::mutex> lock(mutex_);
+    int n = 0;
+    for (const LogLine& line : lines_) {
+        if (line.text == text && (priority < 0 || line.priority == priority)) n++;
+    }
+    return n;
+}
+
+int RecordingLog::indexOf(const std::string& text, size_t from) const {
+    std::lock_guard<std::mutex> lock(mutex_);
+    for (size_t i = from; i < lines_.size(); i++) {
+        if (lines_[i].text == text) return static_cast<int>(i);
+    }
+    return -1;
+}
+
+void RecordingLog::clear() {
+    std::lock_guard<std::mutex> lock(mutex_);
+    lines_.clear();
+}
+
+time_t VirtualClock::wallTime() {
+    std::lock_guard<std::mutex> lock(mutex_);
+    if (!queued_.empty()) {
+        time_t t = queued_.front();
+        queued_.pop_front();
+        return t;
+    }
+    return now_;
+}
+
+void VirtualClock::sleepFor(std::chrono::milliseconds duration) {
+    std::function<void(std::chrono::milliseconds)> hook;
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        sleeps_.push_back(duration);
+        now_ += std::chrono::duration_cast<std::chrono::seconds>(duration).count();
+        hook = hook_;
+    }
+    if (hook) hook(duration);
+    // Lets other threads run: a loop that only sleeps must not starve them.
+    std::this_thread::yield();
+}
+
+void VirtualClock::queueWallTimes(std::vector<time_t> readings) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    queued_.insert(queued_.end(), readings.begin(), readings.end());
+}
+
+std::vector<std::chrono::milliseconds> VirtualClock::sleeps() const {
+    std::lock_guard<std::mutex> lock(mutex_);
+    return sleeps_;
+}
+
+size_t VirtualClock::sleepCount() const {
+    std::lock_guard<std::mutex> lock(mutex_);
+    return sleeps_.size();
+}
+
+void VirtualClock::onSleep(std::function<void(std::chrono::milliseconds)> hook) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    hook_ = std::move(hook);
+}
+
+FILE* RecordingProcesses::openShell(const char* command) {
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        commands_.emplace_back(command);
+    }
+    return HostProcesses::openShell(command);
+}
+
+int RecordingProcesses::runShell(const char* command) {
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        commands_.emplace_back(command);
+    }
+    return HostProcesses::runShell(command);
+}
+
+std::vector<std::string> RecordingProcesses::commands() const {
+    std::lock_guard<std::mutex> lock(mutex_);
+    return commands_;
+}
+
+namespace {
+
+std::string makeTempRoot() {
+    char tmpl[] = "/tmp/vdt.XXXXXX";
+    if (mkdtemp(tmpl) == nullptr) abort();
+    return tmpl;
+}
+
+TestPlatform* gActive = nullptr;
+
+platform::ServiceManager* testServiceManager();
+
+} // namespace
+
+TestPlatform::TestPlatform()
+    : root_(makeTempRoot()), deviceRoot_(root_), loader_(&deviceRoot_), services_(&deviceRoot_) {
+    processes_ = std::make_unique<RecordingProcesses>(&deviceRoot_, &properties_);
+    platform::Platform p;
+    p.properties = &properties_;
+    p.log = &log_;
+    p.root = &deviceRoot_;
+    p.clock = &clock_;
+    p.processes = processes_.get();
+    p.loader = &loader_;
+    p.serviceManager = testServiceManager;
+    gActive = this;
+    platform::install(p);
+    debugSingleton::resetForTesting();
+    resetDaemonStateForTesting();
+}
+
+TestPlatform::~TestPlatform() {
+    std::error_code ec;
+    std::filesystem::remove_all(root_, ec);
+    if (gActive == this) gActive = nullptr;
+}
+
+namespace {
+platform::ServiceManager* testServiceManager() {
+    if (gActive == nullptr) return nullptr;
+    return gActive->servicesIfPresent();
+}
+} // namespace
+
+std::string TestPlatform::hostPath(const std::string& devicePath) const {
+    return deviceRoot_.toHost(devicePath);
+}
+
+void TestPlatform::setProperty(const std::string& key, const std::string& value) {
+    properties_.set(key.c_str(), value.c_str());
+}
+
+std::string TestPlatform::property(const std::string& key, const std::string& fallback) const {
+    return properties_.value(key).value_or(fallback);
+}
+
+void TestPlatform::enableDebugLog() {
+    setProperty("persist.sys.vd.debug_log", "true");
+    debugSingleton::resetForTesting();
+}
+
+void TestPlatform::writeFile(const std::string& devicePath, const std::string& content) {
+    std::filesystem::path path(hostPath(devicePath));
+    std::filesystem::create_directories(path.parent_path());
+    std::ofstream out(path, std::ios::binary | std::ios::trunc);
+    out << content;
+}
+
+std::string TestPlatform::readFile(const std::string& devicePath) const {
+    std::ifstream in(hostPath(devicePath), std::ios::binary);
+    std::stringstream ss;
+    ss << in.rdbuf();
+    return ss.str();
+}
+
+bool TestPlatform::exists(const std::string& devicePath) const {
+    std::error_code ec;
+    return std::filesystem::exists(std::filesystem::symlink_status(hostPath(devicePath), ec));
+}
+
+void TestPlatform::makeDir(const std::string& devicePath) {
+    std::filesystem::create_directories(hostPath(devicePath));
+}
+
+bool finishesWithin(std::function<void()> fn, std::chrono::milliseconds timeout) {
+    auto done = std::make_shared<std::promise<void>>();
+    std::future<void> future = done->get_future();
+    std::thread worker([fn = std::move(fn), done] {
+        fn();
+        done->set_value();
+    });
+    if (future.wait_for(timeout) == std::future_status::ready) {
+        worker.join();
+        return true;
+    }
+    worker.detach();
+    return false;
+}
+
+} // namespace vigild::testing

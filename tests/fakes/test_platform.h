@@ -1,0 +1,148 @@
+// The test backend: in-memory properties, a temporary folder as device root, a log that
+// tests read back and a virtual clock whose sleeps return at once. Child processes, dynamic
+// loading and the service transport are the host ones, working inside the temporary root.
+//
+// Constructing a TestPlatform installs it and resets the daemon's process-wide state;
+// destroying it removes the temporary root.
+#pragma once
+
+#include <atomic>
+#include <chrono>
+#include <deque>
+#include <functional>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "platform/host/host_platform.h"
+#include "platform/platform.h"
+
+namespace vigild::testing {
+
+class MemoryProperties : public platform::Properties {
+public:
+    int get(const char* key, char* value, const char* defaultValue) override;
+    int set(const char* key, const char* value) override;
+    // The stored value, or nullopt when unset.
+    std::optional<std::string> value(const std::string& key) const;
+    void erase(const std::string& key);
+    // Every successful set, in order (key, value).
+    std::vector<std::pair<std::string, std::string>> writes() const;
+
+private:
+    mutable std::mutex mutex_;
+    std::map<std::string, std::string> values_;
+    std::vector<std::pair<std::string, std::string>> writes_;
+};
+
+struct LogLine {
+    int priority;
+    std::string text;
+};
+
+class RecordingLog : public platform::LogSink {
+public:
+    void write(int priority, const char* tag, const char* text) override;
+    std::vector<LogLine> lines() const;
+    // Lines of exactly this text (and priority, when given).
+    int count(const std::string& text, int priority = -1) const;
+    bool contains(const std::string& text, int priority = -1) const {
+        return count(text, priority) > 0;
+    }
+    // Index of the first line of exactly this text at or after `from`, or -1.
+    int indexOf(const std::string& text, size_t from = 0) const;
+    void clear();
+
+private:
+    mutable std::mutex mutex_;
+    std::vector<LogLine> lines_;
+};
+
+class VirtualClock : public platform::Clock {
+public:
+    // Wall clock: the next queued reading if any, else the current virtual time.
+    time_t wallTime() override;
+    // Records the request, advances virtual time, runs the hook and returns at once.
+    void sleepFor(std::chrono::milliseconds duration) override;
+
+    void setWallTime(time_t t) { now_ = t; }
+    // Readings returned by the next wallTime() calls, in order.
+    void queueWallTimes(std::vector<time_t> readings);
+    std::vector<std::chrono::milliseconds> sleeps() const;
+    size_t sleepCount() const;
+    // Runs on every sleep (on the sleeping thread), e.g. to set exitRequested after N.
+    void onSleep(std::function<void(std::chrono::milliseconds)> hook);
+
+private:
+    mutable std::mutex mutex_;
+    std::atomic<time_t> now_{1700000000};
+    std::deque<time_t> queued_;
+    std::vector<std::chrono::milliseconds> sleeps_;
+    std::function<void(std::chrono::milliseconds)> hook_;
+};
+
+// Host processes with the shell commands recorded.
+class RecordingProcesses : public platform::host::HostProcesses {
+public:
+    using HostProcesses::HostProcesses;
+    FILE* openShell(const char* command) override;
+    int runShell(const char* command) override;
+    std::vector<std::string> commands() const;
+
+private:
+    mutable std::mutex mutex_;
+    std::vector<std::string> commands_;
+};
+
+class TestPlatform {
+public:
+    TestPlatform();
+    ~TestPlatform();
+    TestPlatform(const TestPlatform&) = delete;
+    TestPlatform& operator=(const TestPlatform&) = delete;
+
+    // Host path of the device root (short, under /tmp, so service sockets fit).
+    const std::string& root() const { return root_; }
+    std::string hostPath(const std::string& devicePath) const;
+
+    MemoryProperties& properties() { return properties_; }
+    RecordingLog& log() { return log_; }
+    VirtualClock& clock() { return clock_; }
+    RecordingProcesses& processes() { return *processes_; }
+    // The socket service manager, present when "/dev/binder/" exists under the root.
+    platform::ServiceManager* servicesIfPresent() {
+        return services_.exists() ? &services_ : nullptr;
+    }
+
+    void setProperty(const std::string& key, const std::string& value);
+    // The value, or `fallback` when unset.
+    std::string property(const std::string& key, const std::string& fallback = "") const;
+    // Turns debug-level lines on (sets the property and re-reads the switch).
+    void enableDebugLog();
+
+    // Files by device path. writeFile creates missing parent folders.
+    void writeFile(const std::string& devicePath, const std::string& content);
+    std::string readFile(const std::string& devicePath) const;
+    bool exists(const std::string& devicePath) const;
+    void makeDir(const std::string& devicePath);
+
+private:
+    std::string root_;
+    platform::host::HostRoot deviceRoot_;
+    MemoryProperties properties_;
+    RecordingLog log_;
+    VirtualClock clock_;
+    std::unique_ptr<RecordingProcesses> processes_;
+    platform::host::HostLoader loader_;
+    platform::host::SocketServiceManager services_;
+};
+
+// Runs `fn` on a thread and gives up after `timeout` of real time: for tests of loops that
+// must end. Returns true when `fn` returned in time (the thread is joined either way only
+// when it returned; otherwise it is detached and the test fails).
+bool finishesWithin(std::function<void()> fn, std::chrono::milliseconds timeout);
+
+} // namespace vigild::testing
