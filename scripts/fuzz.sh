@@ -1,0 +1,22 @@
+#!/usr/bin/env bash
+# Builds the libFuzzer targets with clang and runs each for a bounded time on its corpus.
+# Usage: scripts/fuzz.sh [seconds per target]
+set -euo pipefail
+cd "$(dirname "$0")/.."
+seconds="${1:-60}"
+scripts/deps.sh
+cmake --preset fuzz
+cmake --build --preset fuzz -j "$(nproc)"
+shopt -s nullglob
+ran=0
+for target in build/fuzz/fuzz/*_fuzzer; do
+  name=$(basename "$target")
+  corpus="fuzz/corpus/${name%_fuzzer}"
+  work=$(mktemp -d)
+  [ -d "$corpus" ] && cp -r "$corpus"/. "$work"/
+  echo "-- $name for ${seconds}s"
+  "$target" -max_total_time="$seconds" -print_final_stats=1 "$work" 2>&1 | tail -n 12
+  rm -rf "$work"
+  ran=$((ran + 1))
+done
+echo "fuzz targets run: $ran"
