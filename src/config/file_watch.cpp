@@ -1,0 +1,251 @@
+#include "config/file_watch.h"
+
+#include <sys/inotify.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <chrono>
+#include <cstdlib>
+#include <cstring>
+
+#include "config/config_file.h"
+#include "config/config_validation.h"
+#include "config/document.h"
+#include "core/daemon_state.h"
+#include "core/log.h"
+#include "core/module_registry.h"
+#include "platform/fs.h"
+#include "platform/platform.h"
+#include "quicktap/quicktap.h"
+#include "service/ivd_service.h"
+#include "storage/storage_root.h"
+#include "storage/utility.h"
+
+namespace {
+
+constexpr const char* kInternalRoot = "/sdcard/";
+constexpr const char* kInternalFolder = "/sdcard/Tellwick/";
+constexpr const char* kInternalConfigFile = "/sdcard/Tellwick/config.json";
+constexpr const char* kSecureFolder =
+    "/sdcard/Android/data/com.tandril.tellwick/Tellwick/secure/log_data/";
+
+// A deleted or replaced file loses its watch; give the writer a moment before re-arming.
+constexpr std::chrono::milliseconds kRearmPause{100};
+// The descriptor is non-blocking and polled: a change is seen up to this late.
+constexpr std::chrono::seconds kPollInterval{5};
+constexpr size_t kEventHeaderSize = sizeof(struct inotify_event);
+
+void sleepFor(std::chrono::milliseconds duration) {
+    vigild::platform::current().clock->sleepFor(duration);
+}
+
+// Writes the configuration in force to `path`, under the lock so no change slips in between.
+void saveConfigTo(const std::string& path) {
+    std::lock_guard<std::mutex> lock(configMutex);
+    char* text = getConfig();
+    if (text != nullptr) {
+        saveFile(path.c_str(), text);
+        free(text);
+    }
+}
+
+void reactToChange() {
+    if (isTellwickSecureModeEnabled()) {
+        refreshConfigFileSecureMode();
+    } else {
+        watchConfig();
+    }
+}
+
+void removeWatch(int fd, int& watch) {
+    if (fd >= 0 && watch > 0) inotify_rm_watch(fd, watch);
+}
+
+// The file that watchConfig and the secure reaction look at for a storage root.
+std::string deployedConfigFile(const std::string& root) {
+    if (root == kInternalRoot) return kInternalConfigFile;
+    return root + kConfigFileName;
+}
+
+} // namespace
+
+int addFileObserver(std::string& internalPath, std::string& externalPath, int& fd,
+                    int& internalWatch, int& externalWatch) {
+    LOGD("addFileObserver::start");
+    internalPath.clear();
+    externalPath.clear();
+    externalWatch = 0;
+
+    internalPath = std::string(kInternalRoot) + kConfigFileName;
+    LOGD("addFileObserver::internal path == %s ", internalPath.c_str());
+    if (!isFileExists(internalPath)) {
+        LOGI("addFileObserver::internal sdcard config file not present");
+        mkdir_all(kInternalFolder);
+        saveConfigTo(internalPath);
+    }
+    internalWatch = vigild::fs::inotifyAddWatch(fd, internalPath.c_str(), kInternalWatchMask);
+    if (internalWatch < 0) {
+        LOGE("addFileObserver :: watchfd[0] error == %s ", strerror(errno));
+    }
+
+    bool present = isSDCARD_present();
+    LOGD("addFileObserver::isSDCARD_present == %d ", present ? 1 : 0);
+    if (!present) return 0;
+    std::string cardRoot = getSDCARD_path();
+    if (cardRoot.empty()) return 0;
+
+    externalPath = cardRoot + kConfigFileName;
+    LOGD("addFileObserver::external path == %s ", externalPath.c_str());
+    // A failed card question answers "/sdcard/": that file is watched already.
+    if (externalPath == internalPath) return 0;
+    if (!isFileExists(externalPath)) {
+        LOGI("addFileObserver::external sdcard config file not present");
+        saveConfigTo(externalPath);
+    }
+    int watch = vigild::fs::inotifyAddWatch(fd, externalPath.c_str(), kExternalWatchMask);
+    if (watch < 0) {
+        LOGE("addFileObserver :: watchfd[1] error  == %s ", strerror(errno));
+        return -1;
+    }
+    externalWatch = watch;
+    return 0;
+}
+
+void watchConfigFileChange() {
+    LOGD("watchConfigFileChange::start");
+    int fd = inotify_init1(IN_NONBLOCK);
+    if (fd < 0) LOGE("watchConfigFileChange :: fd error ");
+
+    std::string internalPath;
+    std::string externalPath;
+    int watches[2] = {0, 0};
+    if (addFileObserver(internalPath, externalPath, fd, watches[0], watches[1]) < 0) {
+        LOGE("watchConfigFileChange :: observer error ");
+    }
+
+    alignas(struct inotify_event) char buffer[kWatchReadSize];
+    while (exitRequested == 0) {
+        ssize_t length = fd >= 0 ? read(fd, buffer, sizeof(buffer)) : -1;
+        bool matched = false;
+        if (length >= static_cast<ssize_t>(kEventHeaderSize)) {
+            // Every step looks at the first record of the read; only the step length comes
+            // from it. A burst of records may therefore reload more than once.
+            struct inotify_event first;
+            memcpy(&first, buffer, kEventHeaderSize);
+            size_t step = kEventHeaderSize + first.len;
+            for (ssize_t offset = 0; offset < length; offset += step) {
+                if (((first.mask & 0xFFFF) & kReactionMask) == 0) continue;
+                matched = true;
+                LOGI("vigild::watchConfigFileChange::needs to reload the config file");
+                reactToChange();
+                sleepFor(kRearmPause);
+                removeWatch(fd, watches[0]);
+                removeWatch(fd, watches[1]);
+                if (addFileObserver(internalPath, externalPath, fd, watches[0], watches[1]) <
+                    0) {
+                    LOGE("watchConfigFileChange :: observer error ");
+                }
+            }
+        }
+        // Running modules follow a changed file only when this read actually changed it.
+        if (matched && runState == kStateRunning) {
+            for (modulePair& entry : moduleRegistry) {
+                for (const Module::config& setting : entry.settings.configs) {
+                    if (strcmp(setting.name, "Enable Module") != 0 ||
+                        strcmp(setting.type, "boolean") != 0) {
+                        continue;
+                    }
+                    LOGD("vigild::moduleRestartNeeded::Tellwick folder deleted");
+                    if (strcmp(setting.value, "true") == 0) entry.restartNeeded = 1;
+                    break;
+                }
+            }
+            reactToChange();
+        }
+        sleepFor(kPollInterval);
+    }
+
+    removeWatch(fd, watches[0]);
+    removeWatch(fd, watches[1]);
+    if (fd >= 0) close(fd);
+}
+
+void watchConfig() {
+    LOGD("watchConfig :BEGIN");
+    std::string root = getDefaultDirectory();
+    LOGD("path: %s, external: %d, prevConfigPresent: %d", root.c_str(), -1, 0);
+
+    std::string folder;
+    std::string file;
+    if (root != kInternalRoot) {
+        folder = root + kTellwickFolder;
+        file = root + kConfigFileName;
+        vigild::fs::mkdir(folder.c_str(), 0777);
+    } else {
+        folder = isTellwickSecureModeEnabled() ? kSecureFolder : kInternalFolder;
+        file = kInternalConfigFile;
+        mkdir_all(folder.c_str());
+    }
+
+    struct stat st;
+    if (vigild::fs::stat(file.c_str(), &st) != 0) {
+        sleepFor(kRearmPause);
+        // A file that shows up during the pause is left to the watch's next event.
+        if (vigild::fs::stat(file.c_str(), &st) == 0) return;
+        FILE* stream = vigild::fs::fopen(file.c_str(), "r");
+        if (stream != nullptr) {
+            fclose(stream);
+            return;
+        }
+        LOGD("config - file not present");
+        char* text = nullptr;
+        {
+            std::lock_guard<std::mutex> lock(configMutex);
+            text = getConfig();
+        }
+        // setConfig writes the document back to the file and takes the lock itself.
+        if (text != nullptr) {
+            setConfig(text);
+            free(text);
+        }
+        return;
+    }
+
+    LOGD("config - file replaced/added");
+    if (isTwQuickTapModeEnabled()) createQuickTapKeyValue();
+    if (isTellwickSecureModeEnabled() && isPermissionGrantedToDeployConfig() == 0) {
+        LOGD("watchConfig :END");
+        return;
+    }
+    updateConfigDefault(false);
+    loadConfigFile(file.c_str());
+    updateValidUserStatus(false);
+    LOGD("watchConfig :END");
+}
+
+void refreshConfigFileSecureMode() {
+    std::string root = getDefaultDirectory();
+    int granted = isPermissionGrantedToDeployConfig();
+    std::string file = deployedConfigFile(root);
+    if (granted != 0) {
+        loadConfigFile(file.c_str());
+        return;
+    }
+
+    // Not allowed to deploy: the configuration in force goes back over the edit.
+    char* text = nullptr;
+    {
+        std::lock_guard<std::mutex> lock(configMutex);
+        text = getConfig();
+        if (text == nullptr) return;
+        saveFile(file.c_str(), text);
+    }
+    sp<Ivd_service> service = Ivd_service::getInterface();
+    if (service == nullptr) {
+        LOGE("Failed to obtain a handle on vd_service");
+    } else {
+        service->sendConfig(text);
+    }
+    free(text);
+}
