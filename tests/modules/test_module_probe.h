@@ -1,0 +1,146 @@
+// Test module libraries and the probe that lets tests watch them.
+//
+// Every lib_vd_*.so of this folder is built from test_module.cpp; its knobs are compile
+// definitions (see test_modules.cmake):
+//
+//   VDTEST_NAME        getName()                      (VDTEST_NULL_NAME: returns null)
+//   VDTEST_VERSION     getVersion()                   (VDTEST_NULL_VERSION: returns null)
+//   VDTEST_SHOULD_LOAD shouldLoad() result, 0 = load
+//   VDTEST_SETTINGS    what init() adds: 0 nothing, 1 every type, 2 the LTS setting
+//   VDTEST_NO_ENTRY    no "getModule" is exported
+//
+// The libraries, by file name (name, version):
+//
+//   lib_vd_alpha.so     "B", "14.0.0.1"             lib_vd_beta.so       "A", "14.0.3.1"
+//   lib_vd_zzz.so       "ZZZ", "14.0.0.2"           lib_vd_new.so        "New", "14.0.99.7"
+//   lib_vd_old.so       "Old", "14.0" (refused)     lib_vd_wrong.so      "Wrong", "114.0.1" (refused)
+//   lib_vd_skip.so      "Skip", shouldLoad() 1      lib_vd_noentry.so    no getModule
+//   lib_vd_nullname.so  getName() null              lib_vd_nullversion.so getVersion() null
+//   lib_vd_lts.so       "LTSModule": int "LTS Days" = "7"
+//   lib_vd_logcat.so    "LogcatModule": logcatEOFStatus() returns Probe::eofStatus
+//   lib_vd_settings.so  "SettingsModule" with every type (VDTEST_SETTINGS 1):
+//                         int "Buffer Size (KB)" = "256"
+//                         boolean "Verbose" = "false"
+//                         list "Level" = "0", options "low", "medium", "high"
+//                         string "Log Path" = "/sdcard/Tellwick/settings/"
+//   lib_vd_garbage.so   a text file, not a library
+//   libvd_x.so, lib_VD_x.so  valid modules named "Ignored" whose names the loader must skip
+//
+// configVal() of every test module objects in pairs (setting name, message):
+//   - a setting whose value is exactly "reject" gives (name, "<name> rejected");
+//   - an int whose value is "0" gives (name, "<name> must be positive");
+//   - a setting whose value is exactly "unpaired" appends its name alone (a trailing
+//     unpaired element, which the daemon ignores).
+//   A boolean whose value is "yes" is corrected to "true" in place.
+//
+// Every test module registers a Probe when getModule() is first called. The probe library
+// (libvd_test_probe.so, linked by the modules and by every test) holds the probes and one
+// journal of events across all modules, so tests can check the order of calls between
+// modules: "A:start", "B:prestop", ...
+//
+// Each test copies the libraries it wants into its own device root (installTestModule), so
+// every test gets fresh module objects even though libraries are never closed.
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "vigild/module.h"
+
+namespace vdtest {
+
+struct Event {
+    uint64_t sequence; // global across all test modules
+    std::string module;
+    std::string what; // "init", "start", "prestop", "stop", "systemTimeChange", "configVal"
+};
+
+class Probe {
+public:
+    explicit Probe(Module* m) : module(m) {}
+
+    Module* const module;
+    std::atomic<int> inits{0};
+    std::atomic<int> starts{0};
+    std::atomic<int> prestops{0};
+    std::atomic<int> stops{0};
+    std::atomic<int> systemTimeChanges{0};
+    std::atomic<int> configVals{0};
+    std::atomic<int> eofQueries{0};
+    // What logcatEOFStatus() returns; tests set it.
+    std::atomic<int> eofStatus{0};
+
+    // Copy of the settings the last start() got (names and values).
+    Module::moduleConfig lastStartSettings() const {
+        std::lock_guard<std::mutex> lock(mutex_);
+        return lastStart_;
+    }
+    // The errors vector as the last configVal() left it.
+    std::vector<std::string> lastErrors() const {
+        std::lock_guard<std::mutex> lock(mutex_);
+        return lastErrors_;
+    }
+    void recordStart(const Module::moduleConfig& settings) {
+        std::lock_guard<std::mutex> lock(mutex_);
+        lastStart_ = settings;
+    }
+    void recordErrors(const std::vector<std::string>& errors) {
+        std::lock_guard<std::mutex> lock(mutex_);
+        lastErrors_ = errors;
+    }
+
+private:
+    mutable std::mutex mutex_;
+    Module::moduleConfig lastStart_{};
+    std::vector<std::string> lastErrors_;
+};
+
+// --- in libvd_test_probe.so ---
+
+// Creates (once per module object) and returns its probe.
+Probe* registerProbe(Module* m);
+// The probe of a test module object, or null for any other module.
+Probe* probeOf(const Module* m);
+// The most recently registered probe of a module with this name, or null.
+Probe* probeNamed(const std::string& name);
+// Appends to the journal.
+void recordEvent(const char* module, const char* what);
+std::vector<Event> events();
+// The journal as "module:what" strings, oldest first; `what` filters when not empty.
+std::vector<std::string> eventNames(const std::string& what = "");
+void clearEvents();
+
+} // namespace vdtest
+
+#ifdef VIGILD_TEST_MODULE_DIR
+#include <filesystem>
+
+namespace vdtest {
+
+// Copies test module `file` (as built in VIGILD_TEST_MODULE_DIR) into
+// <hostRoot>/system/lib64/ under `as` (default: the same name). False when it fails.
+inline bool installTestModule(const std::string& hostRoot, const std::string& file,
+                              const std::string& as = "") {
+    namespace stdfs = std::filesystem;
+    std::error_code ec;
+    stdfs::path folder = stdfs::path(hostRoot) / "system/lib64";
+    stdfs::create_directories(folder, ec);
+    stdfs::copy_file(stdfs::path(VIGILD_TEST_MODULE_DIR) / file,
+                     folder / (as.empty() ? file : as),
+                     stdfs::copy_options::overwrite_existing, ec);
+    return !ec;
+}
+
+inline bool installTestModules(const std::string& hostRoot,
+                               const std::vector<std::string>& files) {
+    for (const std::string& f : files) {
+        if (!installTestModule(hostRoot, f)) return false;
+    }
+    return true;
+}
+
+} // namespace vdtest
+#endif
