@@ -11,3 +11,11 @@ constexpr std::chrono::seconds kBugreportDeadline{600};
 void generateBugreport();
 // "recovery_copy": starts an enabled "RecoveryModule" again while running.
 void copyRecoveryLogs();
+
+// Results of one bug report pass.
+constexpr int kBugreportDone = 0;       // reported to the service, property cleared
+constexpr int kBugreportNoService = 1;  // nothing reported, property left: poll again at once
+constexpr int kBugreportNoPipe = -1;    // no pipe: the worker gives up for good
+// One request: runs the tool (killed after `deadline` of platform time), files its archive
+// under "TwBugreport-", reports to the service, clears the property and reaps the child.
+int bugreportPass(std::chrono::milliseconds deadline = kBugreportDeadline);

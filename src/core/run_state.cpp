@@ -1,0 +1,214 @@
+#include "core/run_state.h"
+
+#include <cstdio>
+#include <cstring>
+#include <ctime>
+#include <mutex>
+#include <set>
+#include <string>
+
+#include "config/config_file.h"
+#include "core/daemon_state.h"
+#include "core/log.h"
+#include "core/module_registry.h"
+#include "platform/platform.h"
+#include "quicktap/quicktap.h"
+#include "service/ivd_service.h"
+#include "storage/storage_root.h"
+#include "storage/utility.h"
+
+namespace {
+
+// Modules that were started and not stopped since, so a module disabled by a configuration
+// change while running still gets its stop.
+std::mutex startedMutex;
+std::set<Module*> startedModules;
+
+void markStarted(Module* module, bool running) {
+    std::lock_guard<std::mutex> lock(startedMutex);
+    if (running) {
+        startedModules.insert(module);
+    } else {
+        startedModules.erase(module);
+    }
+}
+
+bool wasStarted(Module* module) {
+    std::lock_guard<std::mutex> lock(startedMutex);
+    return startedModules.count(module) != 0;
+}
+
+void startModule(modulePair& entry) {
+    markStarted(entry.module, true);
+    entry.module->start(entry.settings);
+}
+
+// A refused request still tells the service where the daemon stands.
+void reportStateUnchanged() {
+    sp<Ivd_service> service = Ivd_service::getInterface();
+    if (service == nullptr) {
+        LOGE("Failed to obtain a handle on vd_service");
+        return;
+    }
+    service->sendState(runState.load());
+}
+
+const char* stateName(int state) {
+    switch (state) {
+        case kStateStopped:
+            return "stopped";
+        case kStateRunning:
+            return "running";
+        default:
+            return "transition";
+    }
+}
+
+// QuickTap mode swaps in its prepared file before the modules start.
+void reloadQuickTapConfig() {
+    quickTapModeAtStart = 1;
+    std::string picked = copyQuickTapConfigFilePath();
+    LOGI("start()::Tw QuickTap is enabled::file to pick == %s", picked.c_str());
+    std::string root = getDefaultDirectory();
+    if (!root.empty()) {
+        if (root == "/sdcard/") {
+            loadConfigFile("/sdcard/Tellwick/config.json");
+        } else {
+            char path[128];
+            snprintf(path, sizeof(path), "%s%s", root.c_str(), "Tellwick/config.json");
+            loadConfigFile(path);
+        }
+        updateConfigDefault(1);
+    }
+    quickTapModeAtStart = 0;
+}
+
+}  // namespace
+
+void updateState(const char* state) {
+    LOGD("updateState :BEGIN");
+    if (strcmp(state, "stopped") == 0) {
+        runState = kStateStopped;
+    } else if (strcmp(state, "running") == 0) {
+        runState = kStateRunning;
+    } else {
+        // Any other word, misspelt ones included, means "in between".
+        runState = kStateTransition;
+    }
+    reportStateUnchanged();
+    LOGD("updateState :END");
+}
+
+void start() {
+    LOGD("start():BEGIN");
+    int state = runState.load();
+    if (state == kStateRunning || state == kStateTransition) {
+        LOGI("vigild is running or transitioning no need to start");
+        reportStateUnchanged();
+        return;
+    }
+    updateState("transition");
+    setprop("persist.sys.vd.autostart", "true");
+    if (isTwQuickTapModeEnabled()) reloadQuickTapConfig();
+    for (modulePair& entry : moduleRegistry) {
+        if (isModuleEnabled(entry.settings)) startModule(entry);
+    }
+    updateState("running");
+    LOGD("start():END");
+}
+
+void stop() {
+    LOGD("stop():BEGIN");
+    int state = runState.load();
+    if (state == kStateStopped || state == kStateTransition) {
+        LOGI("vigild is stopped or transitioning no need to stop");
+        reportStateUnchanged();
+        return;
+    }
+    setprop("persist.sys.vd.autostart", "false");
+    updateState("transition");
+    // Every module gets prestop before any gets stop, so they can wind down together.
+    for (modulePair& entry : moduleRegistry) {
+        if (isModuleEnabled(entry.settings)) entry.module->prestop();
+    }
+    for (modulePair& entry : moduleRegistry) {
+        if (isModuleEnabled(entry.settings)) {
+            entry.module->stop();
+            markStarted(entry.module, false);
+        }
+    }
+    updateState("stopped");
+    LOGD("stop():END");
+}
+
+void restartModules() {
+    LOGD("restartModules():BEGIN");
+    if (runState.load() != kStateRunning) {
+        // The flags stay set: the next start uses the new settings anyway.
+        LOGI("vigild is not running no need to restart modules");
+        reportStateUnchanged();
+        return;
+    }
+    updateState("transition");
+    // A module disabled by the change is still running and needs its stop.
+    auto needsStop = [](modulePair& entry) {
+        return entry.restartNeeded.load() == 1 &&
+               (isModuleEnabled(entry.settings) || wasStarted(entry.module));
+    };
+    std::vector<bool> stopping;
+    stopping.reserve(moduleRegistry.size());
+    for (modulePair& entry : moduleRegistry) {
+        bool s = needsStop(entry);
+        stopping.push_back(s);
+        if (s) entry.module->prestop();
+    }
+    for (size_t i = 0; i < moduleRegistry.size(); i++) {
+        if (!stopping[i]) continue;
+        moduleRegistry[i].module->stop();
+        markStarted(moduleRegistry[i].module, false);
+    }
+    for (modulePair& entry : moduleRegistry) {
+        if (entry.restartNeeded.load() != 1) continue;
+        entry.restartNeeded = 0;
+        if (isModuleEnabled(entry.settings)) startModule(entry);
+    }
+    updateState("running");
+    LOGD("restartModules():END");
+}
+
+void syncServiceState() {
+    // Without a service there is nothing to agree with: -1 never matches a real state.
+    int serviceState = -1;
+    sp<Ivd_service> service = Ivd_service::getInterface();
+    if (service != nullptr) {
+        serviceState = service->getState();
+    } else {
+        LOGE("Failed to obtain a handle on vd_service");
+    }
+    service.reset();
+    int state = runState.load();
+    LOGD("Current vigild state is %d and service state is %d", state, serviceState);
+    if (state != serviceState) {
+        // The daemon's own state always wins.
+        LOGE("state mismatch ");
+        updateState(stateName(state));
+    }
+}
+
+void systemTimeCheker() {
+    vigild::platform::Clock* clock = vigild::platform::current().clock;
+    time_t t1 = clock->wallTime();
+    time_t t2 = clock->wallTime();
+    // Only a backward jump between the two readings counts; kept that narrow on purpose.
+    if (runState.load() == kStateRunning && difftime(t1, t2) > 10.0) {
+        LOGI("System time has changed notify the modules");
+        for (modulePair& entry : moduleRegistry) {
+            if (isModuleEnabled(entry.settings)) entry.module->systemTimeChange();
+        }
+    }
+}
+
+void resetRunStateForTesting() {
+    std::lock_guard<std::mutex> lock(startedMutex);
+    startedModules.clear();
+}

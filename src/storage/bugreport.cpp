@@ -1,0 +1,169 @@
+#include "storage/bugreport.h"
+
+#include <fcntl.h>
+#include <poll.h>
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <string>
+
+#include "core/daemon_state.h"
+#include "core/log.h"
+#include "core/module_registry.h"
+#include "platform/fs.h"
+#include "platform/platform.h"
+#include "service/ivd_service.h"
+#include "storage/storage_root.h"
+#include "storage/utility.h"
+
+namespace {
+
+constexpr const char* kBugreportTool = "/system/bin/bugreportz";
+constexpr std::chrono::seconds kPropertyPoll{30};
+// Output is read in chunks of this size; only the last chunk is looked at.
+constexpr size_t kChunkSize = 4095;
+// Real time spent waiting for output before a step of the deadline is counted.
+constexpr int kOutputWaitMs = 50;
+// Step of the deadline, in platform time (scaled like every other wait).
+constexpr std::chrono::seconds kDeadlineStep{1};
+
+// Reads the tool's output to the end of stream and keeps the last chunk. Gives up (and sets
+// `timedOut`) when the tool is still silent after `deadline`.
+std::string readLastChunk(int fd, std::chrono::milliseconds deadline, bool* timedOut) {
+    *timedOut = false;
+    int flags = fcntl(fd, F_GETFL);
+    if (flags >= 0) fcntl(fd, F_SETFL, flags | O_NONBLOCK);
+    std::string kept;
+    char buffer[kChunkSize + 1];
+    std::chrono::milliseconds waited{0};
+    for (;;) {
+        ssize_t n = read(fd, buffer, kChunkSize);
+        if (n > 0) {
+            buffer[n] = '\0';
+            kept = buffer;
+            continue;
+        }
+        if (n == 0) break;
+        if (errno == EINTR) continue;
+        if (errno != EAGAIN && errno != EWOULDBLOCK) break;
+        if (waited >= deadline) {
+            *timedOut = true;
+            break;
+        }
+        struct pollfd p = {fd, POLLIN, 0};
+        if (poll(&p, 1, kOutputWaitMs) == 0) {
+            vigild::platform::current().clock->sleepFor(kDeadlineStep);
+            waited += kDeadlineStep;
+        }
+    }
+    return kept;
+}
+
+void reapChild(pid_t pid) {
+    int status = 0;
+    if (vigild::platform::current().processes->wait(pid, &status, 0) != pid) return;
+    if (!WIFEXITED(status)) {
+        LOGE("bugreportz did not exit normally");
+    } else {
+        LOGE("bugreportz exited with status: status == %d", WEXITSTATUS(status));
+    }
+}
+
+// Moves the archive into the log folder and tells the service how that went.
+void fileArchive(const std::string& path, Ivd_service& service) {
+    std::string root = getDefaultDirectory();
+    std::string name = "TwBugreport-" + truncateFromSubstring(path, "bugreport-");
+    std::string destination =
+        root + (isTellwickSecureModeEnabled() ? kSecureLogFolder : kTellwickFolder) + name;
+    std::string source = trim(path);
+    if (copyFile(source, trim(destination))) {
+        LOGI("Tw Bugreport::File copied successfully at destination");
+        service.updateTwBugreportStatus(true);
+    } else {
+        LOGE("Tw Bugreport::File copied failed");
+        service.updateTwBugreportStatus(false);
+    }
+    // The source goes whether or not the copy worked: bug reports are large.
+    if (vigild::fs::remove(source.c_str()) == 0) {
+        LOGI("Tw Bugreport::File deleted successfully from src path");
+    } else {
+        LOGE("Tw Bugreport::File deletion failed from src path ==  %s", strerror(errno));
+    }
+}
+
+}  // namespace
+
+int bugreportPass(std::chrono::milliseconds deadline) {
+    vigild::platform::Processes* processes = vigild::platform::current().processes;
+    // Logged here: the child of a threaded process must not log.
+    LOGD("inside child process");
+    vigild::platform::Child child = processes->spawn(kBugreportTool);
+    if (child.outputFd < 0) {
+        LOGE("Pipe failed");
+        return kBugreportNoPipe;
+    }
+    if (child.pid < 0) LOGE("Fork failed");
+    LOGD("inside parent process");
+    bool timedOut = false;
+    std::string output = readLastChunk(child.outputFd, deadline, &timedOut);
+    close(child.outputFd);
+    if (timedOut && child.pid > 0) {
+        LOGE("Tw Bugreport::bugreportz did not finish in time, killing it");
+        processes->kill(child.pid, SIGKILL);
+        output.clear();
+    }
+
+    std::string path = truncateFromSubstring(output, "OK:");
+    LOGD("TwBugreportz::twBugreportSrcPath == %s", path.c_str());
+
+    sp<Ivd_service> service = Ivd_service::getInterface();
+    if (service == nullptr) {
+        LOGE("Failed to obtain a handle on vd_service");
+        // Reaped before the next report can start; the property stays set for the retry.
+        if (child.pid > 0) reapChild(child.pid);
+        return kBugreportNoService;
+    }
+    if (path.empty()) {
+        LOGE("Tw Bugreport::bugreport file is not present");
+        service->updateTwBugreportStatus(false);
+    } else {
+        fileArchive(path, *service);
+    }
+    setprop("persist.sys.vd.tw_bugreport", "false");
+    if (child.pid > 0) reapChild(child.pid);
+    return kBugreportDone;
+}
+
+void generateBugreport() {
+    LOGD("generateBugreport::start");
+    vigild::platform::Clock* clock = vigild::platform::current().clock;
+    while (exitRequested.load() == 0) {
+        char value[vigild::platform::kPropValueMax];
+        getprop(value, "persist.sys.vd.tw_bugreport", "false");
+        if (strcmp(value, "true") != 0) {
+            clock->sleepFor(kPropertyPoll);
+            continue;
+        }
+        int result = bugreportPass();
+        if (result == kBugreportNoPipe) return;
+        if (result == kBugreportNoService) continue;
+        clock->sleepFor(kPropertyPoll);
+    }
+    LOGD("generateBugreport::finish");
+}
+
+void copyRecoveryLogs() {
+    LOGD("copyRecoveryLogs():BEGIN");
+    if (runState.load() != kStateRunning) return;
+    for (modulePair& entry : moduleRegistry) {
+        if (strcmp(entry.module->getName(), "RecoveryModule") != 0) continue;
+        LOGD("copyRecoveryLogs():module is %s", entry.module->getName());
+        if (!isModuleEnabled(entry.settings)) continue;
+        LOGD("copyRecoveryLogs()- MODULE_CONFIG_ENABLE enable#1: %d", 1);
+        // Started again without a stop: the module copies its recovery logs afresh.
+        entry.module->start(entry.settings);
+    }
+}
