@@ -10,6 +10,9 @@ extern std::atomic<bool> restartAfterPathChange;
 // Writes `text` to `path` without losing the last good file to a kill or a full disk; the
 // file keeps its inode. A null text writes nothing.
 void saveFile(const char* path, const char* text);
+// Puts back the copy an interrupted saveFile left beside `path`. Returns the file to read:
+// `path`, or the copy itself when it could not be put back (a full disk, say).
+std::string takeLeftConfigCopy(const char* path);
 // 0 when the file is absent, 1 after a full apply, otherwise makeUpdateConfig's result.
 int loadConfigFile(const char* path);
 // Every setting back to its default and the file rewritten.
@@ -19,3 +22,5 @@ void updateConfigDefault(bool force);
 std::string persistLogPathUpdate(bool bootLog, std::string value, std::string storageRoot);
 // root + "Tellwick/config.json" ("/sdcard/Tellwick/config.json" for "/sdcard/").
 std::string configFilePath(const std::string& root);
+// Clears restartAfterPathChange (tests).
+void resetConfigFileForTesting();

@@ -1,0 +1,363 @@
+// The configuration file below the storage root: saving without losing the last good file,
+// loading with one reset-and-retry, defaults, and keeping log paths inside the storage root.
+#include "config/config_file.h"
+
+#include <fcntl.h>
+#include <strings.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <exception>
+#include <mutex>
+
+#include "config/config_rebuild.h"
+#include "config/document.h"
+#include "config/file_watch.h"
+#include "core/daemon_state.h"
+#include "core/log.h"
+#include "core/module_registry.h"
+#include "core/run_state.h"
+#include "platform/fs.h"
+#include "storage/log_deletion.h"
+#include "storage/storage_root.h"
+#include "storage/utility.h"
+
+std::atomic<bool> restartAfterPathChange{false};
+
+namespace {
+
+// The complete new text waits here while the file itself is rewritten; it only ever
+// appears by a rename, so a copy that exists is whole.
+constexpr const char* kCopySuffix = ".bak";
+// The copy while it is being written; never read back.
+constexpr const char* kPartialSuffix = ".tmp";
+
+bool writeAll(int fd, const char* data, size_t size) {
+    while (size > 0) {
+        ssize_t n = write(fd, data, size);
+        if (n < 0) {
+            if (errno == EINTR) continue;
+            return false;
+        }
+        data += n;
+        size -= static_cast<size_t>(n);
+    }
+    return true;
+}
+
+// Makes a rename or an unlink in the file's folder durable.
+void syncFolderOf(const std::string& path) {
+    size_t slash = path.rfind('/');
+    std::string folder = slash == std::string::npos ? "/" : path.substr(0, slash + 1);
+    int fd = vigild::fs::open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    if (fd < 0) return;
+    fsync(fd);
+    close(fd);
+}
+
+// Opens a regular file for writing without following a link; never blocks on a FIFO.
+int openForWrite(const char* path, int extraFlags) {
+    int fd =
+        vigild::fs::open(path, O_WRONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC | extraFlags, 0666);
+    if (fd < 0) return -1;
+    struct stat st;
+    if (fstat(fd, &st) != 0 || !S_ISREG(st.st_mode)) {
+        close(fd);
+        errno = EINVAL;
+        return -1;
+    }
+    return fd;
+}
+
+enum class Rewrite { kDone, kNotOpened, kTorn };
+
+// Rewrites the file in place, so it keeps its inode and the watch on it sees a write.
+Rewrite rewriteInPlace(const char* path, const char* text, size_t size) {
+    int fd = openForWrite(path, O_CREAT);
+    if (fd < 0) return Rewrite::kNotOpened;
+    bool ok =
+        writeAll(fd, text, size) && ftruncate(fd, static_cast<off_t>(size)) == 0 && fsync(fd) == 0;
+    int error = errno;
+    close(fd);
+    errno = error;
+    return ok ? Rewrite::kDone : Rewrite::kTorn;
+}
+
+bool isPathSetting(const Module::config& c) {
+    return (strcasecmp(c.name, "Log Path") == 0 || strcasecmp(c.name, "Storage Directory") == 0) &&
+           strcasecmp(c.type, "string") == 0;
+}
+
+void copyValue(char (&dst)[VD_CONFIG_VALUE_SIZE], const std::string& src) {
+    snprintf(dst, sizeof(dst), "%s", src.c_str());
+}
+
+// makeUpdateConfig on the file's text; -1 when the file gave no text or the apply threw.
+int applyFile(const std::string& path) {
+    char* text = fileReader(path.c_str());
+    int result = -1;
+    if (text[0] != '\0') {
+        try {
+            result = makeUpdateConfig(text);
+        } catch (const std::exception& e) {
+            LOGE("Exception : %s", e.what());
+            result = -1;
+        }
+    }
+    delete[] text;
+    return result;
+}
+
+}  // namespace
+
+std::string configFilePath(const std::string& root) {
+    if (root == "/sdcard/") return "/sdcard/Tellwick/config.json";
+    return root + kConfigFileName;
+}
+
+void saveFile(const char* path, const char* text) {
+    LOGD("saveFile :BEGIN");
+    // A null text (a failed build) must never truncate the last good file.
+    if (path == nullptr || text == nullptr) {
+        LOGD("saveFile :END");
+        return;
+    }
+    const std::string copy = std::string(path) + kCopySuffix;
+    const std::string partial = std::string(path) + kPartialSuffix;
+    const size_t size = strlen(text);
+
+    // 1. The whole new text beside the file, durable before the file is touched. A full disk
+    //    here leaves the file as it was.
+    vigild::fs::unlink(partial.c_str());
+    int fd = openForWrite(partial.c_str(), O_CREAT | O_EXCL);
+    if (fd < 0) {
+        LOGE("Error opening file : %s errno : %i", path, errno);
+        LOGD("saveFile :END");
+        return;
+    }
+    bool written = writeAll(fd, text, size) && fsync(fd) == 0;
+    int error = errno;
+    close(fd);
+    if (!written || vigild::fs::rename(partial.c_str(), copy.c_str()) != 0) {
+        if (written) error = errno;
+        vigild::fs::unlink(partial.c_str());
+        LOGE("Error writing file : %s errno : %i", path, error);
+        LOGD("saveFile :END");
+        return;
+    }
+    syncFolderOf(copy);
+
+    // 2. The file itself, in place. A kill from here on leaves the copy for the next load.
+    switch (rewriteInPlace(path, text, size)) {
+        case Rewrite::kNotOpened:
+            error = errno;
+            // The file was not touched: the old one stays in force.
+            vigild::fs::unlink(copy.c_str());
+            LOGE("Error opening file : %s errno : %i", path, error);
+            LOGD("saveFile :END");
+            return;
+        case Rewrite::kTorn:
+            // The copy stays: the next load puts it back.
+            LOGE("Error writing file : %s errno : %i", path, errno);
+            LOGD("saveFile :END");
+            return;
+        case Rewrite::kDone:
+            break;
+    }
+    vigild::fs::unlink(copy.c_str());
+    syncFolderOf(copy);
+
+    if (isTellwickSecureModeEnabled() && isPermissionGrantedToDeployConfig()) {
+        copyConfigFileToSecurePath(path);
+    }
+    LOGD("saveFile :END");
+}
+
+std::string takeLeftConfigCopy(const char* path) {
+    const std::string copy = std::string(path) + kCopySuffix;
+    vigild::fs::unlink((std::string(path) + kPartialSuffix).c_str());
+    struct stat st;
+    if (vigild::fs::lstat(copy.c_str(), &st) != 0) return path;
+    if (!S_ISREG(st.st_mode) || st.st_size == 0) {
+        // Not ours, or nothing to put back: the file itself was never torn by an empty text.
+        vigild::fs::unlink(copy.c_str());
+        return path;
+    }
+    char* text = fileReader(copy.c_str());
+    size_t size = strlen(text);
+    if (size == 0) {
+        delete[] text;
+        return copy;
+    }
+    Rewrite rewritten = rewriteInPlace(path, text, size);
+    delete[] text;
+    if (rewritten != Rewrite::kDone) return copy;
+    LOGI("saveFile: restored %s from the copy of an interrupted save", path);
+    vigild::fs::unlink(copy.c_str());
+    syncFolderOf(copy);
+    return path;
+}
+
+void resetAndUpdateConfig() {
+    LOGD("resetAndUpdateConfig:BEGIN");
+    for (modulePair& entry : moduleRegistry) {
+        for (Module::config& c : entry.settings.configs)
+            memcpy(c.value, c.defaultValue, sizeof(c.value));
+    }
+    std::string path = configFilePath(getDefaultDirectory());
+    {
+        std::lock_guard<std::mutex> lock(configMutex);
+        char* text = getConfig();
+        saveFile(path.c_str(), text);
+        free(text);
+    }
+    LOGD("resetAndUpdateConfig:END");
+}
+
+int loadConfigFile(const char* path) {
+    LOGD("loadConfigFile :BEGIN");
+    LOGD("trying to load config file: %s", path);
+    std::string source = takeLeftConfigCopy(path);
+    if (!isFileExistsExtSDcard(source)) {
+        LOGD("loadConfigFile:config file not found");
+        return 0;
+    }
+    if (isDebugBuildorDebugEnabled()) LOGI("config file found -  now loading");
+
+    int result = applyFile(source);
+    if (result == -1) {
+        LOGE("config file load failed, load again");
+        resetAndUpdateConfig();
+        applyFile(path);
+    } else if (result != 1) {
+        if (restartAfterPathChange && runState == kStateRunning) restartModules();
+        restartAfterPathChange = false;
+        return result;
+    }
+
+    updateConfigDefault(true);
+    sendConfig();
+    if (runState == kStateRunning) restartModules();
+    restartAfterPathChange = false;
+    return 1;
+}
+
+void updateConfigDefault(bool force) {
+    if (isDebugBuildorDebugEnabled())
+        LOGI("updateConfigDefault:update current and default configs");
+    const std::string root = getDefaultDirectory();
+    bool save = force;
+
+    for (modulePair& entry : moduleRegistry) {
+        const char* moduleName = entry.module->getName();
+        for (Module::config& c : entry.settings.configs) {
+            if (strcasecmp(c.name, "Persist logpath") == 0 ||
+                strcasecmp(c.name, "Persist Boot log filename") == 0) {
+                bool bootLog = strcasecmp(c.name, "Persist Boot log filename") == 0;
+                copyValue(c.value, persistLogPathUpdate(bootLog, c.value, root));
+                continue;
+            }
+            if (!isPathSetting(c)) continue;
+
+            std::string current = c.value;
+            if (current.empty()) {
+                current = "/sdcard/";
+                save = true;
+            }
+            LOGD("updateConfigDefault::current path == %s, default path == %s ", current.c_str(),
+                 c.defaultValue);
+            enum { kCorrupt, kInternal, kExternal } kind;
+            if (current.find("/storage/sdcard1/") != std::string::npos) {
+                kind = kCorrupt;
+            } else if (current.find("/sdcard/") != std::string::npos) {
+                kind = kInternal;
+                LOGD("updateConfigDefault:current path == %s, default path == %s ", current.c_str(),
+                     c.defaultValue);
+            } else {
+                kind = kExternal;
+            }
+            std::string subPath = substrNthPlace(current, "/", kind == kInternal ? 1 : 2);
+            if (subPath == root) {
+                copyValue(c.value, root + current.substr(subPath.size()));
+            } else {
+                if (moduleName != nullptr && moduleName[0] != '\0') {
+                    copyValue(c.value, returnCorrectedLogPath(moduleName));
+                }
+                if (kind != kCorrupt) restartAfterPathChange = true;
+                save = true;
+            }
+            if (kind == kCorrupt) {
+                // The old card mount point: always written out anew.
+                LOGD(
+                    "updateConfigDefault::corrupt sdcard path::Sub Path == %s, current value == "
+                    "%s ",
+                    subPath.c_str(), c.value);
+                save = true;
+            } else if (kind == kInternal) {
+                LOGD(
+                    "updateConfigDefault::internal sdcard path::Sub Path == %s, current value == "
+                    "%s ",
+                    subPath.c_str(), c.value);
+            } else {
+                LOGD(
+                    "updateConfigDefault::external sdcard path::Sub Path == %s, current value == "
+                    "%s ",
+                    subPath.c_str(), c.value);
+            }
+            // Secure mode keeps every log in the secure folder; outside it nothing stays there.
+            if (isTellwickSecureModeEnabled() ||
+                current.find("Tellwick/secure/log_data/") != std::string::npos) {
+                if (moduleName != nullptr && moduleName[0] != '\0') {
+                    copyValue(c.value, returnCorrectedLogPath(moduleName));
+                }
+                save = true;
+            }
+        }
+    }
+
+    const std::string file = configFilePath(root);
+    if (!isFileExists(file)) {
+        LOGD("updateConfigDefault:file did not exists, create one");
+        save = true;
+    }
+    if (isDebugBuildorDebugEnabled()) LOGI("updateConfigDefault:log path status  == %d", save);
+
+    if (save) {
+        {
+            std::lock_guard<std::mutex> lock(configMutex);
+            char* text = getConfig();
+            if (!isFileExists(file)) mkdir_all((root + kTellwickFolder).c_str());
+            if (text != nullptr) {
+                saveFile(file.c_str(), text);
+                free(text);
+            }
+        }
+        sendConfig();
+    }
+    LOGD("updateConfigDefault:done update current and default configs");
+}
+
+std::string persistLogPathUpdate(bool bootLog, std::string value, std::string storageRoot) {
+    std::string card;
+    std::string sub =
+        !isInternalSDcardEnabledLogging() && isExternalSDCardPresentAndReturnPath(card)
+            ? substrNthPlace(value, "/", 2)
+            : substrNthPlace(value, "/", 1);
+    std::string result;
+    if (sub == storageRoot && sub.size() <= value.size()) {
+        result = storageRoot + value.substr(sub.size());
+    } else {
+        result = storageRoot +
+                 (isTellwickSecureModeEnabled() ? kSecureLogFolder : kTellwickFolder) + "persist/" +
+                 (bootLog ? "bootlog" : "");
+    }
+    LOGD("updateConfigDefault::persist log path::%s ", result.c_str());
+    if (result.empty()) result = "/sdcard/Tellwick/";
+    return result;
+}
+
+void resetConfigFileForTesting() { restartAfterPathChange = false; }
