@@ -1,0 +1,377 @@
+#include "storage/log_deletion.h"
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <mutex>
+#include <regex>
+#include <set>
+#include <utility>
+
+#include "config/config_file.h"
+#include "config/document.h"
+#include "core/log.h"
+#include "core/module_registry.h"
+#include "platform/fs.h"
+#include "service/ivd_service.h"
+#include "storage/storage_root.h"
+#include "storage/utility.h"
+
+namespace {
+
+constexpr const char* kInternalRoot = "/sdcard/";
+// Log trees are a few levels deep; anything deeper is not ours and is left alone.
+constexpr int kMaxWalkDepth = 256;
+constexpr int kOpenDirFlags = O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
+
+// "/sdcard/Tellwick/" -> "/sdcard/Tellwick", so O_NOFOLLOW and lstat see the last component
+// itself: a trailing "/" would make the kernel follow a link there.
+std::string withoutTrailingSlash(std::string path) {
+    while (path.size() > 1 && path.back() == '/') path.pop_back();
+    return path;
+}
+
+// A directory, and not a link to one.
+bool isRealDirectory(const std::string& devicePath) {
+    struct stat st;
+    return vigild::fs::lstat(withoutTrailingSlash(devicePath).c_str(), &st) == 0 &&
+           S_ISDIR(st.st_mode);
+}
+
+enum class EntryKind { kDirectory, kOther, kGone };
+
+// An open directory walked by descriptor: children are opened relative to it and never
+// through a link, so the walk stays inside the tree it started in.
+class Dir {
+  public:
+    static Dir openTop(const std::string& devicePath) {
+        return Dir(vigild::fs::open(withoutTrailingSlash(devicePath).c_str(), kOpenDirFlags));
+    }
+    Dir openChild(const char* name) const { return Dir(::openat(fd(), name, kOpenDirFlags)); }
+
+    Dir(Dir&& other) noexcept : dir_(std::exchange(other.dir_, nullptr)) {}
+    Dir(const Dir&) = delete;
+    Dir& operator=(const Dir&) = delete;
+    Dir& operator=(Dir&&) = delete;
+    ~Dir() {
+        if (dir_ != nullptr) closedir(dir_);
+    }
+
+    bool ok() const { return dir_ != nullptr; }
+    int fd() const { return dirfd(dir_); }
+
+    // The next entry other than "." and ".."; false at the end.
+    bool next(std::string& name, EntryKind& kind) {
+        while (const struct dirent* entry = readdir(dir_)) {
+            if (strcmp(entry->d_name, ".") == 0 || strcmp(entry->d_name, "..") == 0) continue;
+            name = entry->d_name;
+            kind = kindOf(entry);
+            return true;
+        }
+        return false;
+    }
+
+    // remove() of one entry, without following a link: a link goes as a link.
+    int removeEntry(const std::string& name, EntryKind kind) const {
+        int flags = kind == EntryKind::kDirectory ? AT_REMOVEDIR : 0;
+        return ::unlinkat(fd(), name.c_str(), flags) == 0 ? 0 : -1;
+    }
+
+  private:
+    explicit Dir(int fd) {
+        if (fd < 0) return;
+        dir_ = fdopendir(fd);
+        if (dir_ == nullptr) ::close(fd);
+    }
+
+    EntryKind kindOf(const struct dirent* entry) const {
+        if (entry->d_type == DT_DIR) return EntryKind::kDirectory;
+        if (entry->d_type != DT_UNKNOWN) return EntryKind::kOther;
+        struct stat st;
+        if (::fstatat(fd(), entry->d_name, &st, AT_SYMLINK_NOFOLLOW) != 0) return EntryKind::kGone;
+        return S_ISDIR(st.st_mode) ? EntryKind::kDirectory : EntryKind::kOther;
+    }
+
+    DIR* dir_ = nullptr;
+};
+
+// remove() of a top folder given by path, without following a link in its last component.
+void removeTop(const std::string& devicePath) {
+    std::string path = withoutTrailingSlash(devicePath);
+    struct stat st;
+    if (vigild::fs::lstat(path.c_str(), &st) != 0) return;
+    if (S_ISDIR(st.st_mode)) {
+        vigild::fs::rmdir(path.c_str());
+    } else {
+        vigild::fs::unlink(path.c_str());
+    }
+}
+
+// One level of deleteLogFilesUnsecure; `folder` is the device path, for log lines and the
+// kept-name comparisons only.
+int deleteUnsecureLevel(Dir& dir, const std::string& folder, int type, int depth) {
+    const std::string twInfo = folder + "/TwInfo.txt";
+    const std::string config = folder + "/config.json";
+    const std::string backup = folder + "/Backup";
+    int result = 0;
+    std::string name;
+    EntryKind kind;
+    while (dir.next(name, kind)) {
+        if (kind == EntryKind::kGone) continue;
+        std::string full = folder + "/" + name;
+        LOGD("remove %s", full.c_str());
+        if (kind == EntryKind::kDirectory) {
+            LOGD("deleteLogFilesUnsecure::Start::path = %s, deleteLogType== %d", full.c_str(),
+                 type);
+            Dir child = dir.openChild(name.c_str());
+            if (!child.ok()) {
+                // Not a directory any more (swapped for a file or a link): remove what is there.
+                if (dir.removeEntry(name, EntryKind::kOther) != 0) {
+                    dir.removeEntry(name, EntryKind::kDirectory);
+                }
+                LOGD("deleteSecureBackup::End");
+                result += -1;
+                continue;
+            }
+            if (depth >= kMaxWalkDepth) {
+                LOGE("deleteLogFilesUnsecure::tree too deep, not descending into %s", full.c_str());
+                LOGD("deleteSecureBackup::End");
+                result += -1;
+                continue;
+            }
+            result += deleteUnsecureLevel(child, full, type, depth + 1);
+            // A sub-folder goes only once it is empty.
+            dir.removeEntry(name, EntryKind::kDirectory);
+            LOGD("deleteSecureBackup::End");
+        } else if (full == twInfo || full == config) {
+            continue;
+        } else if (full.rfind(backup, 0) == 0) {
+            if ((type & ~2) == 0) result += dir.removeEntry(name, kind);
+        } else if (type != 2) {
+            result += dir.removeEntry(name, kind);
+        }
+    }
+    return result;
+}
+
+// One level of deleteUnsecureLogData: 0, or -1 after the first failure.
+int deleteUnsecureDataLevel(Dir& dir, const std::string& folder, int depth) {
+    static const std::set<std::string> kKept = {"config.json", "TwInfo.txt"};
+    std::string name;
+    EntryKind kind;
+    while (dir.next(name, kind)) {
+        if (kKept.count(name) != 0 || isSecureBackupFilePresent(name)) continue;
+        std::string full = folder + "/" + name;
+        LOGD("deleteUnsecureLogData::fullPath:: = %s", full.c_str());
+        if (kind == EntryKind::kGone) continue;
+        if (kind == EntryKind::kDirectory) {
+            LOGD("deleteUnsecureLogData::Start::path = %s", full.c_str());
+            Dir child = dir.openChild(name.c_str());
+            int childResult = -1;
+            if (!child.ok()) {
+                LOGD("deleteUnsecureLogData::End");
+            } else if (depth >= kMaxWalkDepth) {
+                LOGE("deleteUnsecureLogData::tree too deep, not descending into %s", full.c_str());
+            } else {
+                childResult = deleteUnsecureDataLevel(child, full, depth + 1);
+            }
+            if (childResult == -1) {
+                LOGE("deleteUnsecureLogData::Failed to delete directory");
+                return -1;
+            }
+            if (dir.removeEntry(name, EntryKind::kDirectory) != 0) {
+                LOGE("deleteUnsecureLogData::Failed to remove directory");
+                return -1;
+            }
+        } else if (dir.removeEntry(name, kind) != 0) {
+            LOGE("deleteUnsecureLogData::Failed to delete file");
+            return -1;
+        }
+    }
+    LOGD("deleteUnsecureLogData::End");
+    return 0;
+}
+
+// The card's "Tellwick/" folder as the companion service reports it, or "" without a card.
+std::string serviceCardTellwickFolder() {
+    if (!isSDCARD_present()) return "";
+    std::string card = getSDCARD_path();
+    // The path comes from outside: only a storage root is worth cleaning.
+    if (!startsWithSdcardOrStorage(card)) return "";
+    return card + kTellwickFolder;
+}
+
+}  // namespace
+
+bool isSecureBackupFilePresent(const std::string& name) {
+    static const std::regex kSecureBackup("^SecureBackup.*\\.zip$");
+    try {
+        return std::regex_match(name, kSecureBackup);
+    } catch (const std::regex_error& e) {
+        LOGE("isSecureBackupFilePresent::regex failed: %s", e.what());
+        return false;
+    }
+}
+
+int deleteLogFilesUnsecure(const std::string& folder, int type) {
+    LOGD("deleteLogFilesUnsecure::Start::path = %s, deleteLogType== %d", folder.c_str(), type);
+    Dir dir = Dir::openTop(folder);
+    if (!dir.ok()) {
+        // A plain file (or a link) where the folder should be goes too.
+        if (!isRealDirectory(folder)) removeTop(folder);
+        // The end line is shared with the secure variant.
+        LOGD("deleteSecureBackup::End");
+        return -1;
+    }
+    int result = deleteUnsecureLevel(dir, folder, type, 1);
+    removeTop(folder);
+    LOGD("deleteSecureBackup::End");
+    return result;
+}
+
+int deleteLogFilesSecure(const std::string& root, int type) {
+    LOGD("deleteSecureBackup::Start::path = %s", root.c_str());
+    std::string secureFolder = root + kSecureLogFolder;
+    if (isRealDirectory(secureFolder) && type != 2) {
+        remove_all(withoutTrailingSlash(secureFolder).c_str());
+    }
+    std::string tellwick = root + kTellwickFolder;
+    if (isRealDirectory(tellwick) && (type == 0 || type == 2)) deleteSecureBackup(tellwick);
+    LOGD("deleteSecureBackup::End");
+    return 0;
+}
+
+int deleteSecureBackup(const std::string& folder) {
+    LOGD("deleteSecureBackup::Start::path = %s", folder.c_str());
+    Dir dir = Dir::openTop(folder);
+    if (!dir.ok()) {
+        LOGD("deleteSecureBackup::End");
+        return -1;
+    }
+    // These two can never equal a "%s/%s" path; they stay as they were settled, and the
+    // prefix test alone decides.
+    const std::string keptInfo = folder + kTellwickFolder + "/TwInfo.txt";
+    const std::string keptConfig = folder + kTellwickFolder + "/config.json";
+    const std::string secureBackup = folder + "/SecureBackup";
+    int result = 0;
+    std::string name;
+    EntryKind kind;
+    while (dir.next(name, kind)) {
+        if (kind == EntryKind::kGone) continue;
+        std::string full = folder + "/" + name;
+        LOGD("deleteSecureBackup::remove = %s", full.c_str());
+        if (full == keptInfo || full == keptConfig) continue;
+        if (full.rfind(secureBackup, 0) == 0) result += dir.removeEntry(name, kind);
+    }
+    LOGD("deleteSecureBackup::End");
+    return result;
+}
+
+int deleteUnsecureLogData(const std::string& folder) {
+    LOGD("deleteUnsecureLogData::Start::path = %s", folder.c_str());
+    Dir dir = Dir::openTop(folder);
+    if (!dir.ok()) {
+        LOGD("deleteUnsecureLogData::End");
+        return -1;
+    }
+    return deleteUnsecureDataLevel(dir, folder, 1);
+}
+
+void removeUnsecureLogs(std::string root) {
+    LOGD("removeUnsecureLogs::Start");
+    // The root is extended in place, so the "/sdcard/" test below never holds and the
+    // internal folder is always cleaned as well.
+    root.append(kTellwickFolder);
+    if (isRealDirectory(root)) deleteUnsecureLogData(root);
+    if (root != kInternalRoot) {
+        std::string internal = std::string(kInternalRoot) + kTellwickFolder;
+        if (isRealDirectory(internal)) deleteUnsecureLogData(internal);
+    } else {
+        std::string card = serviceCardTellwickFolder();
+        if (!card.empty() && isRealDirectory(card)) deleteUnsecureLogData(card);
+    }
+    LOGD("removeUnsecureLogs::End");
+}
+
+void removeSecureLogs(std::string root) {
+    LOGD("removeSecureLogs::Start");
+    const std::string firstCopy = root;
+    const std::string secondCopy = root;
+    // Extended in place, as in removeUnsecureLogs: the internal secure folder always goes.
+    root.append(kSecureLogFolder);
+    if (isRealDirectory(root)) remove_all(withoutTrailingSlash(root).c_str());
+    if (root != kInternalRoot) {
+        std::string internal = std::string(kInternalRoot) + kSecureLogFolder;
+        if (isRealDirectory(internal)) remove_all(withoutTrailingSlash(internal).c_str());
+    }
+
+    std::string tellwick = firstCopy + kTellwickFolder;
+    if (isRealDirectory(tellwick)) deleteSecureBackup(tellwick);
+    if (secondCopy != kInternalRoot) {
+        std::string internal = std::string(kInternalRoot) + kTellwickFolder;
+        if (isRealDirectory(internal)) deleteSecureBackup(internal);
+    } else {
+        std::string card = serviceCardTellwickFolder();
+        if (!card.empty() && isRealDirectory(card)) deleteSecureBackup(card);
+    }
+    LOGD("removeSecureLogs::End");
+}
+
+void deleteTwLogs() {
+    LOGD("deleteLogs::start");
+    int type = 0;
+    sp<Ivd_service> service = Ivd_service::getInterface();
+    if (service != nullptr) {
+        type = service->getDeleteLogsParam();
+    } else {
+        LOGE("Failed to obtain a handle on vd_service");
+    }
+    std::string root = getDefaultDirectory();
+    if (isTellwickSecureModeEnabled()) {
+        deleteLogFilesSecure(root, type);
+    } else {
+        deleteLogFilesUnsecure(root + kTellwickFolder, type);
+    }
+    LOGD("deleteLogs::finish");
+}
+
+void resetToDefault() {
+    LOGD("resetToDefault::start");
+    {
+        std::lock_guard<std::mutex> lock(configMutex);
+        for (modulePair& pair : moduleRegistry) {
+            for (Module::config& setting : pair.settings.configs) {
+                snprintf(setting.value, sizeof(setting.value), "%s", setting.defaultValue);
+            }
+        }
+    }
+    if (isInternalSDcardEnabledLogging()) setprop("persist.sys.vd.internal_sd", "false");
+
+    // Resolved after the property change, so a card may be chosen now.
+    std::string root = getDefaultDirectory();
+    char path[128];
+    int n = snprintf(path, sizeof(path), "%s%s", root.c_str(), kConfigFileName);
+    if (n < 0 || static_cast<size_t>(n) >= sizeof(path)) {
+        LOGE("resetToDefault::configuration path too long: %s", root.c_str());
+    } else {
+        std::lock_guard<std::mutex> lock(configMutex);
+        char* text = getConfig();
+        saveFile(path, text);
+        free(text);
+    }
+    // sendConfig takes configMutex itself.
+    sendConfig();
+    LOGD("resetToDefault::finish");
+}
+
+bool copyConfigFileToSecurePath(const std::string& source) {
+    std::string destination = getDefaultDirectory() + kSecureLogFolder + "config.json";
+    bool copied = copyFile(trim(source), trim(destination));
+    LOGD("copyConfigFileToSecurePath::isCopied %d", copied ? 1 : 0);
+    return copied;
+}
