@@ -21,7 +21,7 @@
 namespace {
 
 class TestModule : public Module {
-public:
+  public:
     TestModule() : probe_(vdtest::registerProbe(this)) {}
 
     int shouldLoad() override { return VDTEST_SHOULD_LOAD; }
@@ -111,11 +111,11 @@ public:
         return probe_->eofStatus.load();
     }
 
-private:
+  private:
     vdtest::Probe* probe_;
 };
 
-} // namespace
+}  // namespace
 
 #ifndef VDTEST_NO_ENTRY
 extern "C" __attribute__((visibility("default"))) Module* getModule() {

@@ -22,7 +22,7 @@ std::vector<Event>& journal() {
 }
 uint64_t gSequence = 0;
 
-} // namespace
+}  // namespace
 
 Probe* registerProbe(Module* m) {
     std::lock_guard<std::mutex> lock(gMutex);
@@ -73,4 +73,4 @@ void clearEvents() {
     journal().clear();
 }
 
-} // namespace vdtest
+}  // namespace vdtest

@@ -13,8 +13,8 @@
 //
 //   lib_vd_alpha.so     "B", "14.0.0.1"             lib_vd_beta.so       "A", "14.0.3.1"
 //   lib_vd_zzz.so       "ZZZ", "14.0.0.2"           lib_vd_new.so        "New", "14.0.99.7"
-//   lib_vd_old.so       "Old", "14.0" (refused)     lib_vd_wrong.so      "Wrong", "114.0.1" (refused)
-//   lib_vd_skip.so      "Skip", shouldLoad() 1      lib_vd_noentry.so    no getModule
+//   lib_vd_old.so       "Old", "14.0" (refused)     lib_vd_wrong.so      "Wrong", "114.0.1"
+//   (refused) lib_vd_skip.so      "Skip", shouldLoad() 1      lib_vd_noentry.so    no getModule
 //   lib_vd_nullname.so  getName() null              lib_vd_nullversion.so getVersion() null
 //   lib_vd_lts.so       "LTSModule": int "LTS Days" = "7"
 //   lib_vd_logcat.so    "LogcatModule": logcatEOFStatus() returns Probe::eofStatus
@@ -53,13 +53,13 @@
 namespace vdtest {
 
 struct Event {
-    uint64_t sequence; // global across all test modules
+    uint64_t sequence;  // global across all test modules
     std::string module;
-    std::string what; // "init", "start", "prestop", "stop", "systemTimeChange", "configVal"
+    std::string what;  // "init", "start", "prestop", "stop", "systemTimeChange", "configVal"
 };
 
 class Probe {
-public:
+  public:
     explicit Probe(Module* m) : module(m) {}
 
     Module* const module;
@@ -92,7 +92,7 @@ public:
         lastErrors_ = errors;
     }
 
-private:
+  private:
     mutable std::mutex mutex_;
     Module::moduleConfig lastStart_{};
     std::vector<std::string> lastErrors_;
@@ -113,7 +113,7 @@ std::vector<Event> events();
 std::vector<std::string> eventNames(const std::string& what = "");
 void clearEvents();
 
-} // namespace vdtest
+}  // namespace vdtest
 
 #ifdef VIGILD_TEST_MODULE_DIR
 #include <filesystem>
@@ -128,19 +128,17 @@ inline bool installTestModule(const std::string& hostRoot, const std::string& fi
     std::error_code ec;
     stdfs::path folder = stdfs::path(hostRoot) / "system/lib64";
     stdfs::create_directories(folder, ec);
-    stdfs::copy_file(stdfs::path(VIGILD_TEST_MODULE_DIR) / file,
-                     folder / (as.empty() ? file : as),
+    stdfs::copy_file(stdfs::path(VIGILD_TEST_MODULE_DIR) / file, folder / (as.empty() ? file : as),
                      stdfs::copy_options::overwrite_existing, ec);
     return !ec;
 }
 
-inline bool installTestModules(const std::string& hostRoot,
-                               const std::vector<std::string>& files) {
+inline bool installTestModules(const std::string& hostRoot, const std::vector<std::string>& files) {
     for (const std::string& f : files) {
         if (!installTestModule(hostRoot, f)) return false;
     }
     return true;
 }
 
-} // namespace vdtest
+}  // namespace vdtest
 #endif

@@ -1,0 +1,143 @@
+#include "config/document.h"
+
+#include <jansson.h>
+#include <strings.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+
+#include "core/log.h"
+#include "core/module_registry.h"
+#include "platform/fs.h"
+#include "platform/platform.h"
+#include "service/ivd_service.h"
+#include "storage/storage_root.h"
+#include "storage/utility.h"
+
+std::mutex configMutex;
+
+namespace {
+
+// A JSON string of `text`. Setting values are bounded byte buffers whose cut may split a
+// character, so invalid UTF-8 bytes become '?' rather than dropping the member.
+json_t* jsonText(const char* text) {
+    if (text == nullptr) text = "";
+    if (json_t* value = json_string(text)) return value;
+    std::string clean;
+    const size_t n = strlen(text);
+    for (size_t i = 0; i < n;) {
+        const auto c = static_cast<unsigned char>(text[i]);
+        size_t len = c < 0x80           ? 1
+                     : (c >> 5) == 0x6  ? 2
+                     : (c >> 4) == 0xE  ? 3
+                     : (c >> 3) == 0x1E ? 4
+                                        : 0;
+        json_t* piece = len != 0 && i + len <= n ? json_stringn(text + i, len) : nullptr;
+        if (piece == nullptr) {
+            clean += '?';
+            i++;
+            continue;
+        }
+        json_decref(piece);
+        clean.append(text + i, len);
+        i += len;
+    }
+    return json_string(clean.c_str());
+}
+
+bool isPathSetting(const Module::config& setting) {
+    if (setting.name == nullptr || setting.type == nullptr) return false;
+    return (strcasecmp(setting.name, "Log Path") == 0 ||
+            strcasecmp(setting.name, "Storage Directory") == 0) &&
+           strcasecmp(setting.type, "string") == 0;
+}
+
+void resetToModuleFolder(Module::config& setting, const char* moduleName) {
+    if (moduleName == nullptr || moduleName[0] == '\0') return;
+    // The folder is built from the current root; a longer one is cut to fit the buffer.
+    snprintf(setting.value, sizeof(setting.value), "%s",
+             returnCorrectedLogPath(moduleName).c_str());
+}
+
+// A path setting must lie in the current storage root; anything else (an old card, a
+// foreign folder, a value with too few "/") moves to the module's own default folder.
+void checkPath(Module::config& setting, const char* moduleName) {
+    char storagePathProp[vigild::platform::kPropValueMax];
+    getprop(storagePathProp, "persist.sys.vd.storage_path", "UNKNOWN");
+    // "/sdcard/" is one level deep, a card "/storage/<id>/" two.
+    const int depth = strcmp(storagePathProp, "/sdcard/") == 0 ? 1 : 2;
+    const std::string subPath = substrNthPlace(setting.value, "/", depth);
+
+    if (strcasecmp(subPath.c_str(), "UNKNOWN") == 0) {
+        LOGD("vigild::getConfig::Log path is UNKNOWN, need to reset");
+        resetToModuleFolder(setting, moduleName);
+        return;
+    }
+    FILE* stream = vigild::fs::fopen(subPath.c_str(), "r");
+    const bool keep =
+        stream != nullptr && strcasecmp(subPath.c_str(), getDefaultDirectory().c_str()) == 0;
+    if (stream != nullptr) fclose(stream);
+    if (!keep) {
+        LOGD("vigild::getConfig::path %s not found", setting.value);
+        resetToModuleFolder(setting, moduleName);
+    }
+}
+
+json_t* buildSetting(Module::config& setting, const char* moduleName) {
+    json_t* object = json_object();
+    json_object_set_new(object, "name", jsonText(setting.name));
+    json_object_set_new(object, "type", jsonText(setting.type));
+    if (isPathSetting(setting)) checkPath(setting, moduleName);
+    json_object_set_new(object, "value", jsonText(setting.value));
+    json_t* list = json_array();
+    for (const char* option : setting.options) json_array_append_new(list, jsonText(option));
+    json_object_set_new(object, "list", list);
+    return object;
+}
+
+}  // namespace
+
+char* getConfig() {
+    LOGD("getconfig:BEGIN");
+    // The tree lives only inside this call: nothing is kept for another thread to free.
+    json_t* document = json_object();
+    for (modulePair& entry : moduleRegistry) {
+        const char* moduleName = entry.settings.moduleName;
+        json_t* settings = json_array();
+        for (Module::config& setting : entry.settings.configs) {
+            json_array_append_new(settings, buildSetting(setting, moduleName));
+        }
+        json_t* module = json_object();
+        json_object_set_new(module, "settings", settings);
+        json_object_set_new(document, moduleName != nullptr ? moduleName : "", module);
+    }
+    LOGD("getconfig before return");
+    char* text = json_dumps(document, 0);
+    json_decref(document);
+    return text;
+}
+
+void decrefJson() {
+    // getConfig frees its own tree before returning, so nothing is left over here; kept so
+    // callers release in the same places they always did.
+}
+
+void sendConfig() {
+    LOGD("sendConfig():BEGIN");
+    sp<Ivd_service> service = Ivd_service::getInterface();
+    if (service == nullptr) {
+        LOGE("Failed to obtain a handle on vd_service");
+        return;
+    }
+    {
+        std::lock_guard<std::mutex> lock(configMutex);
+        if (char* text = getConfig()) {
+            service->sendConfig(text);
+            free(text);
+        }
+    }
+    decrefJson();
+    LOGD("sendConfig():END");
+}
