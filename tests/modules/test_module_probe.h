@@ -11,11 +11,16 @@
 //
 // The libraries, by file name (name, version):
 //
-//   lib_vd_alpha.so     "B", "14.0.0.1"             lib_vd_beta.so       "A", "14.0.3.1"
-//   lib_vd_zzz.so       "ZZZ", "14.0.0.2"           lib_vd_new.so        "New", "14.0.99.7"
-//   lib_vd_old.so       "Old", "14.0" (refused)     lib_vd_wrong.so      "Wrong", "114.0.1"
-//   (refused) lib_vd_skip.so      "Skip", shouldLoad() 1      lib_vd_noentry.so    no getModule
-//   lib_vd_nullname.so  getName() null              lib_vd_nullversion.so getVersion() null
+//   lib_vd_alpha.so        "B", "14.0.0.1"
+//   lib_vd_beta.so         "A", "14.0.3.1"
+//   lib_vd_zzz.so          "ZZZ", "14.0.0.2"
+//   lib_vd_new.so          "New", "14.0.99.7"
+//   lib_vd_old.so          "Old", "14.0" (refused)
+//   lib_vd_wrong.so        "Wrong", "114.0.1" (refused)
+//   lib_vd_skip.so         "Skip", shouldLoad() 1
+//   lib_vd_noentry.so      no getModule
+//   lib_vd_nullname.so     getName() null
+//   lib_vd_nullversion.so  getVersion() null
 //   lib_vd_lts.so       "LTSModule": int "LTS Days" = "7"
 //   lib_vd_logcat.so    "LogcatModule": logcatEOFStatus() returns Probe::eofStatus
 //   lib_vd_settings.so  "SettingsModule" with every type (VDTEST_SETTINGS 1):
