@@ -97,7 +97,8 @@ public:
     bool waitUntil(const std::function<bool(const std::vector<Record>&)>& predicate,
                    std::chrono::milliseconds timeout);
 
-    // Called with a decoded line per transaction (the CLI's --verbose).
+    // Called with a decoded line per transaction (the CLI's --verbose), in order, under the
+    // service's lock: the callback must not call back into the service.
     void setTrace(std::function<void(const std::string&)> trace);
 
 private:

@@ -1,0 +1,690 @@
+#include "standin/standin_service.h"
+
+#include <fcntl.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <list>
+#include <sstream>
+
+#include "platform/host/host_platform.h"
+#include "service/ivd_service.h"
+#include "service/parcel.h"
+
+namespace vdstandin {
+
+using vigild::Parcel;
+using vigild::platform::host::kMaxFrameSize;
+
+namespace {
+
+// How often a caller parked in waitForResponse checks that its peer is still there.
+constexpr std::chrono::milliseconds kPeerCheck{200};
+
+const char* methodName(uint32_t code) {
+    switch (code) {
+        case WAIT_FOR_RESPONSE:
+            return "waitForResponse";
+        case SEND_CONFIG:
+            return "sendConfig";
+        case RECEIVE_CONFIG:
+            return "receiveConfig";
+        case SEND_STATE:
+            return "sendState";
+        case SEND_VERSION:
+            return "sendVersion";
+        case SEND_CONFIG_ERROR_MESSAGE:
+            return "sendConfigErrorMessage";
+        case ENABLE_NOTIFICATION:
+            return "enableNotification";
+        case GET_STATE:
+            return "getState";
+        case START_BT_SNOOP:
+            return "startBTSnoop";
+        case STOP_BT_SNOOP:
+            return "stopBTSnoop";
+        case SET_TRACE_LEVEL:
+            return "setTraceLevel";
+        case IS_BT_SNOOPLOG_CONFIG_CHANGED:
+            return "isBTSnooplogConfigChanged";
+        case BLUETOOTH_IS_ENABLED:
+            return "bluetoothIsEnabled";
+        case BLUETOOTH_IS_DISCOVERABLE:
+            return "bluetoothIsDiscoverable";
+        case BLUETOOTH_IS_CONNECTED:
+            return "bluetoothIsConnected";
+        case AMBIENT_LIGHT:
+            return "ambientLight";
+        case STOP_AMBIENT_LIGHT:
+            return "stopAmbientLight";
+        case WAN_SIGNAL_STRENGTH:
+            return "wanSignalStrength";
+        case FOREGROUND_APPLICATION:
+            return "foregroundApplication";
+        case SERIAL_NUMBER:
+            return "serialNumber";
+        case MODEL_NUMBER:
+            return "modelNumber";
+        case BSP_NUMBER:
+            return "bspNumber";
+        case WIFI_SIGNAL_STRENGTH:
+            return "wifiSignalStrength";
+        case DHCP:
+            return "dhcp";
+        case GATEWAY:
+            return "gateway";
+        case GET_DEFAULT_DIR_PATH:
+            return "getDefaultDirPath";
+        case IS_SDCARD_PRESENT:
+            return "isSDcardPresent";
+        case GET_SDCARD_PATH:
+            return "getSDcardPath";
+        case GET_TELLWICK_VERSION:
+            return "getTellwickVersion";
+        case IS_USER_VALID_TO_DEPLOY:
+            return "isUserValidToDeploy";
+        case UPDATE_VALID_USER_STATUS:
+            return "updateValidUserStatus";
+        case GET_QC_META_ID_VERSION:
+            return "getQcMetaIdVersion";
+        case SET_QC_META_ID_VERSION:
+            return "setQcMetaIdVersion";
+        case RESET_TO_DEFAULT:
+            return "resetToDefault";
+        case DELETE_TW_LOGS:
+            return "deleteTwLogs";
+        case GET_DELETE_LOGS_PARAM:
+            return "getDeleteLogsParam";
+        case UPDATE_TW_BUGREPORT_STATUS:
+            return "updateTwBugreportStatus";
+        default:
+            return nullptr;
+    }
+}
+
+// The daemon's strings: int32 n, then n words of one byte each. False when the words
+// claim more than the request holds.
+bool readWordString(Parcel& data, std::string* out) {
+    int32_t n = 0;
+    if (!data.readInt32(&n) || n < 0 || static_cast<uint64_t>(n) * 4 > data.dataAvail()) {
+        return false;
+    }
+    out->resize(static_cast<size_t>(n));
+    for (int32_t i = 0; i < n; i++) (*out)[i] = static_cast<char>(data.readInt32() & 0xff);
+    return true;
+}
+
+// The daemon keeps the low byte of each unit, so every byte travels as its own unit.
+void writeByteString16(Parcel& reply, const std::string& text) {
+    std::u16string units(text.size(), u'\0');
+    for (size_t i = 0; i < text.size(); i++) units[i] = static_cast<unsigned char>(text[i]);
+    reply.writeString16(units);
+}
+
+std::string quoted(const std::string& text) {
+    std::string out = "\"";
+    for (char c : text) {
+        if (c == '"' || c == '\\') {
+            out += '\\';
+            out += c;
+        } else if (c == '\n') {
+            out += "\\n";
+        } else if (static_cast<unsigned char>(c) < 0x20) {
+            char hex[8];
+            snprintf(hex, sizeof(hex), "\\x%02x", static_cast<unsigned char>(c));
+            out += hex;
+        } else {
+            out += c;
+        }
+    }
+    return out + "\"";
+}
+
+std::string describe(const Record& record, const std::string& answer) {
+    std::string line = record.method + "(";
+    bool first = true;
+    for (const auto& s : record.strings) {
+        line += (first ? "" : ", ") + quoted(s);
+        first = false;
+    }
+    for (int32_t i : record.ints) {
+        line += (first ? "" : ", ") + std::to_string(i);
+        first = false;
+    }
+    line += ")";
+    if (!answer.empty()) line += " -> " + answer;
+    return line;
+}
+
+}  // namespace
+
+struct StandinService::Impl {
+    struct Connection {
+        int fd = -1;
+        std::thread thread;
+        std::atomic<bool> done{false};
+    };
+
+    std::string root;
+    std::string socketPath;
+
+    mutable std::mutex mutex;
+    std::condition_variable changed;  // a command queued, a record added, or stopping
+    std::deque<std::string> commands;
+    std::deque<std::string> documents;
+    int waiting = 0;
+    bool stopping = false;
+    DeviceAnswers answers;
+    std::vector<Record> records;
+    int lastState = 0;
+    std::function<void(const std::string&)> trace;
+
+    std::atomic<bool> running{false};
+    int listenFd = -1;
+    int wakeFds[2] = {-1, -1};
+    std::thread acceptThread;
+    std::mutex connectionsMutex;
+    std::list<std::unique_ptr<Connection>> connections;
+
+    void acceptLoop();
+    void serve(Connection* connection);
+    // False when the connection must close without a reply.
+    bool handle(int fd, uint32_t code, std::vector<uint8_t> request, int32_t* status,
+                Parcel* reply);
+    bool takeCommand(int fd, std::string* command);
+    void record(Record record, const std::string& answer);
+    void reapFinished();
+};
+
+void StandinService::Impl::record(Record rec, const std::string& answer) {
+    std::function<void(const std::string&)> traceCopy;
+    {
+        std::lock_guard<std::mutex> lock(mutex);
+        if (rec.code == SEND_STATE && !rec.ints.empty()) lastState = rec.ints[0];
+        traceCopy = trace;
+        if (traceCopy) traceCopy(describe(rec, answer));
+        records.push_back(std::move(rec));
+    }
+    changed.notify_all();
+}
+
+bool StandinService::Impl::takeCommand(int fd, std::string* command) {
+    std::unique_lock<std::mutex> lock(mutex);
+    waiting++;
+    changed.notify_all();
+    bool peerGone = false;
+    while (commands.empty() && !stopping && !peerGone) {
+        changed.wait_for(lock, kPeerCheck);
+        struct pollfd p = {fd, POLLRDHUP, 0};
+        peerGone = ::poll(&p, 1, 0) > 0 && (p.revents & (POLLRDHUP | POLLHUP | POLLERR)) != 0;
+    }
+    waiting--;
+    changed.notify_all();
+    if (commands.empty() || stopping) return false;
+    *command = std::move(commands.front());
+    commands.pop_front();
+    return true;
+}
+
+bool StandinService::Impl::handle(int fd, uint32_t code, std::vector<uint8_t> request,
+                                  int32_t* status, Parcel* reply) {
+    *status = 0;
+    const char* name = methodName(code);
+    if (name == nullptr) {
+        *status = vigild::platform::host::kUnknownTransaction;
+        std::function<void(const std::string&)> traceCopy;
+        {
+            std::lock_guard<std::mutex> lock(mutex);
+            traceCopy = trace;
+        }
+        if (traceCopy) traceCopy("unknown transaction " + std::to_string(code));
+        return true;
+    }
+    Parcel data(std::move(request));
+    Record rec;
+    rec.code = code;
+    rec.method = name;
+    if (!data.enforceInterface(Ivd_service::getInterfaceDescriptor())) {
+        reply->writeException(Parcel::kExSecurity, u"Binder invocation to an incorrect interface");
+        rec.method += " (bad interface token)";
+        record(std::move(rec), "exception");
+        return true;
+    }
+
+    bool badArguments = false;
+    auto readString = [&]() {
+        std::string s;
+        if (!readWordString(data, &s)) badArguments = true;
+        rec.strings.push_back(std::move(s));
+    };
+    auto readInt = [&]() {
+        int32_t v = 0;
+        if (!data.readInt32(&v)) badArguments = true;
+        rec.ints.push_back(v);
+    };
+    switch (code) {
+        case SEND_CONFIG:
+        case SEND_CONFIG_ERROR_MESSAGE:
+        case SET_QC_META_ID_VERSION:
+            readString();
+            break;
+        case SEND_VERSION:
+            readString();
+            readString();
+            break;
+        case SEND_STATE:
+        case ENABLE_NOTIFICATION:
+        case SET_TRACE_LEVEL:
+        case IS_BT_SNOOPLOG_CONFIG_CHANGED:
+        case UPDATE_VALID_USER_STATUS:
+        case UPDATE_TW_BUGREPORT_STATUS:
+        case WAN_SIGNAL_STRENGTH:
+        case FOREGROUND_APPLICATION:
+        case SERIAL_NUMBER:
+        case MODEL_NUMBER:
+        case BSP_NUMBER:
+        case WIFI_SIGNAL_STRENGTH:
+        case DHCP:
+        case GATEWAY:
+        case GET_DEFAULT_DIR_PATH:
+        case GET_SDCARD_PATH:
+        case GET_TELLWICK_VERSION:
+        case GET_QC_META_ID_VERSION:
+        case DELETE_TW_LOGS:
+            readInt();
+            break;
+        default:
+            break;
+    }
+    if (badArguments) {
+        reply->writeException(Parcel::kExIllegalArgument, u"Malformed request");
+        rec.method += " (malformed)";
+        record(std::move(rec), "exception");
+        return true;
+    }
+
+    if (code == WAIT_FOR_RESPONSE) {
+        std::string command;
+        if (!takeCommand(fd, &command)) return false;
+        reply->writeNoException();
+        writeByteString16(*reply, command);
+        rec.strings.push_back(command);
+        record(std::move(rec), quoted(command));
+        return true;
+    }
+
+    DeviceAnswers a;
+    int state = 0;
+    std::string document;
+    {
+        std::lock_guard<std::mutex> lock(mutex);
+        a = answers;
+        state = lastState;
+        if (code == RECEIVE_CONFIG && !documents.empty()) {
+            document = std::move(documents.front());
+            documents.pop_front();
+        }
+    }
+    std::string answer;
+    auto valueReply = [&](int32_t value) {
+        reply->writeNoException();
+        reply->writeInt32(value);
+        answer = std::to_string(value);
+    };
+    auto stringOutReply = [&](const std::string& text) {
+        reply->writeNoException();
+        reply->writeInt32(0);  // status
+        reply->writeInt32(1);  // count
+        writeByteString16(*reply, text);
+        answer = quoted(text);
+    };
+    auto intOutReply = [&](int32_t value) {
+        reply->writeNoException();
+        reply->writeInt32(0);
+        reply->writeInt32(1);
+        reply->writeInt32(value);
+        answer = std::to_string(value);
+    };
+    switch (code) {
+        case RECEIVE_CONFIG:
+            reply->writeNoException();
+            writeByteString16(*reply, document);
+            answer = quoted(document);
+            break;
+        case GET_STATE:
+            valueReply(a.stateOverride.value_or(state));
+            break;
+        case BLUETOOTH_IS_ENABLED:
+            valueReply(a.bluetoothEnabled);
+            break;
+        case BLUETOOTH_IS_DISCOVERABLE:
+            valueReply(a.bluetoothDiscoverable);
+            break;
+        case BLUETOOTH_IS_CONNECTED:
+            valueReply(a.bluetoothConnected);
+            break;
+        case AMBIENT_LIGHT:
+            valueReply(a.ambientLight);
+            break;
+        case WAN_SIGNAL_STRENGTH:
+            valueReply(a.wanSignalStrength);
+            break;
+        case IS_SDCARD_PRESENT:
+            valueReply(a.sdcardPresent);
+            break;
+        case IS_USER_VALID_TO_DEPLOY:
+            valueReply(a.userValidToDeploy);
+            break;
+        case GET_DELETE_LOGS_PARAM:
+            valueReply(a.deleteLogsParam);
+            break;
+        case FOREGROUND_APPLICATION:
+            reply->writeNoException();
+            reply->writeInt32(0);
+            reply->writeInt32(2);
+            writeByteString16(*reply, a.foregroundApplication[0]);
+            writeByteString16(*reply, a.foregroundApplication[1]);
+            answer = quoted(a.foregroundApplication[0]) + ", " + quoted(a.foregroundApplication[1]);
+            break;
+        case SERIAL_NUMBER:
+            stringOutReply(a.serialNumber);
+            break;
+        case MODEL_NUMBER:
+            stringOutReply(a.modelNumber);
+            break;
+        case BSP_NUMBER:
+            stringOutReply(a.bspNumber);
+            break;
+        case DHCP:
+            stringOutReply(a.dhcp);
+            break;
+        case GATEWAY:
+            stringOutReply(a.gateway);
+            break;
+        case GET_DEFAULT_DIR_PATH:
+            stringOutReply(a.defaultDirPath);
+            break;
+        case GET_SDCARD_PATH:
+            stringOutReply(a.sdcardPath);
+            break;
+        case GET_TELLWICK_VERSION:
+            stringOutReply(a.tellwickVersion);
+            break;
+        case GET_QC_META_ID_VERSION:
+            stringOutReply(a.qcMetaIdVersion);
+            break;
+        case WIFI_SIGNAL_STRENGTH:
+            intOutReply(a.wifiSignalStrength);
+            break;
+        case DELETE_TW_LOGS:
+            intOutReply(a.deleteLogsParam);
+            break;
+        default:
+            reply->writeNoException();  // the calls that only report
+            break;
+    }
+    record(std::move(rec), answer);
+    return true;
+}
+
+void StandinService::Impl::serve(Connection* connection) {
+    const int fd = connection->fd;
+    for (;;) {
+        uint8_t header[12];
+        if (!vigild::platform::host::readAll(fd, header, sizeof(header))) break;
+        auto u32 = [&](int at) {
+            return static_cast<uint32_t>(header[at]) | static_cast<uint32_t>(header[at + 1]) << 8 |
+                   static_cast<uint32_t>(header[at + 2]) << 16 |
+                   static_cast<uint32_t>(header[at + 3]) << 24;
+        };
+        const uint32_t code = u32(0);
+        const uint32_t size = u32(8);
+        if (size > kMaxFrameSize) break;
+        std::vector<uint8_t> request(size);
+        if (size > 0 && !vigild::platform::host::readAll(fd, request.data(), size)) break;
+
+        int32_t status = 0;
+        Parcel reply;
+        if (!handle(fd, code, std::move(request), &status, &reply)) break;
+        Parcel frame;
+        frame.writeInt32(status);
+        frame.writeInt32(static_cast<int32_t>(reply.dataSize()));
+        std::vector<uint8_t> bytes = frame.data();
+        bytes.insert(bytes.end(), reply.data().begin(), reply.data().end());
+        if (!vigild::platform::host::writeAll(fd, bytes.data(), bytes.size())) break;
+    }
+    ::shutdown(fd, SHUT_RDWR);
+    connection->done = true;
+}
+
+void StandinService::Impl::reapFinished() {
+    std::lock_guard<std::mutex> lock(connectionsMutex);
+    for (auto it = connections.begin(); it != connections.end();) {
+        if ((*it)->done) {
+            (*it)->thread.join();
+            ::close((*it)->fd);
+            it = connections.erase(it);
+        } else {
+            ++it;
+        }
+    }
+}
+
+void StandinService::Impl::acceptLoop() {
+    for (;;) {
+        struct pollfd fds[2] = {{listenFd, POLLIN, 0}, {wakeFds[0], POLLIN, 0}};
+        if (::poll(fds, 2, -1) < 0) {
+            if (errno == EINTR) continue;
+            break;
+        }
+        if (fds[1].revents != 0) break;
+        if ((fds[0].revents & POLLIN) == 0) continue;
+        int fd = ::accept4(listenFd, nullptr, nullptr, SOCK_CLOEXEC);
+        if (fd < 0) continue;
+        reapFinished();
+        auto connection = std::make_unique<Connection>();
+        connection->fd = fd;
+        Connection* raw = connection.get();
+        std::lock_guard<std::mutex> lock(connectionsMutex);
+        connections.push_back(std::move(connection));
+        raw->thread = std::thread([this, raw] { serve(raw); });
+    }
+}
+
+StandinService::StandinService(std::string deviceRoot) : impl_(std::make_unique<Impl>()) {
+    while (deviceRoot.size() > 1 && deviceRoot.back() == '/') deviceRoot.pop_back();
+    impl_->root = deviceRoot;
+    impl_->socketPath = deviceRoot + "/dev/binder/" + kServiceName;
+}
+
+StandinService::~StandinService() { stop(); }
+
+bool StandinService::start() {
+    Impl& d = *impl_;
+    if (d.running) return true;
+    struct sockaddr_un addr = {};
+    addr.sun_family = AF_UNIX;
+    if (d.socketPath.size() >= sizeof(addr.sun_path)) {
+        errno = ENAMETOOLONG;
+        return false;
+    }
+    for (const std::string& dir : {d.root + "/dev", d.root + "/dev/binder"}) {
+        if (::mkdir(dir.c_str(), 0755) != 0 && errno != EEXIST) return false;
+    }
+    // A socket left by an earlier run would refuse the bind; anything else is not ours.
+    struct stat st;
+    if (::lstat(d.socketPath.c_str(), &st) == 0) {
+        if (!S_ISSOCK(st.st_mode)) {
+            errno = EEXIST;
+            return false;
+        }
+        ::unlink(d.socketPath.c_str());
+    }
+    memcpy(addr.sun_path, d.socketPath.c_str(), d.socketPath.size() + 1);
+    int fd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    if (fd < 0) return false;
+    if (::bind(fd, reinterpret_cast<struct sockaddr*>(&addr), sizeof(addr)) != 0 ||
+        ::listen(fd, 16) != 0 || ::pipe2(d.wakeFds, O_CLOEXEC) != 0) {
+        int saved = errno;
+        ::close(fd);
+        errno = saved;
+        return false;
+    }
+    d.listenFd = fd;
+    {
+        std::lock_guard<std::mutex> lock(d.mutex);
+        d.stopping = false;
+    }
+    d.running = true;
+    d.acceptThread = std::thread([&d] { d.acceptLoop(); });
+    return true;
+}
+
+void StandinService::stop() {
+    Impl& d = *impl_;
+    if (!d.running.exchange(false)) return;
+    {
+        std::lock_guard<std::mutex> lock(d.mutex);
+        d.stopping = true;
+    }
+    d.changed.notify_all();
+    const char wake = 1;
+    (void)!::write(d.wakeFds[1], &wake, 1);
+    d.acceptThread.join();
+    ::close(d.listenFd);
+    ::close(d.wakeFds[0]);
+    ::close(d.wakeFds[1]);
+    d.listenFd = d.wakeFds[0] = d.wakeFds[1] = -1;
+    ::unlink(d.socketPath.c_str());
+    std::lock_guard<std::mutex> lock(d.connectionsMutex);
+    // shutdown wakes threads blocked reading their peer.
+    for (auto& c : d.connections) ::shutdown(c->fd, SHUT_RDWR);
+    for (auto& c : d.connections) {
+        c->thread.join();
+        ::close(c->fd);
+    }
+    d.connections.clear();
+}
+
+bool StandinService::running() const { return impl_->running; }
+
+void StandinService::queueCommand(const std::string& command) {
+    {
+        std::lock_guard<std::mutex> lock(impl_->mutex);
+        impl_->commands.push_back(command);
+    }
+    impl_->changed.notify_all();
+}
+
+void StandinService::queueConfig(const std::string& document) {
+    std::lock_guard<std::mutex> lock(impl_->mutex);
+    impl_->documents.push_back(document);
+}
+
+int StandinService::waitingForCommand() const {
+    std::lock_guard<std::mutex> lock(impl_->mutex);
+    return impl_->waiting;
+}
+
+DeviceAnswers StandinService::answers() const {
+    std::lock_guard<std::mutex> lock(impl_->mutex);
+    return impl_->answers;
+}
+
+void StandinService::setAnswers(const DeviceAnswers& answers) {
+    std::lock_guard<std::mutex> lock(impl_->mutex);
+    impl_->answers = answers;
+}
+
+void StandinService::updateAnswers(const std::function<void(DeviceAnswers&)>& change) {
+    std::lock_guard<std::mutex> lock(impl_->mutex);
+    change(impl_->answers);
+}
+
+std::vector<Record> StandinService::records() const {
+    std::lock_guard<std::mutex> lock(impl_->mutex);
+    return impl_->records;
+}
+
+void StandinService::clearRecords() {
+    std::lock_guard<std::mutex> lock(impl_->mutex);
+    impl_->records.clear();
+}
+
+namespace {
+
+template <typename T, typename F>
+std::vector<T> collect(const std::vector<Record>& records, uint32_t code, F pick) {
+    std::vector<T> out;
+    for (const Record& r : records) {
+        if (r.code == code && r.method.find(' ') == std::string::npos) out.push_back(pick(r));
+    }
+    return out;
+}
+
+int firstInt(const Record& r) { return r.ints.empty() ? 0 : r.ints[0]; }
+std::string firstString(const Record& r) { return r.strings.empty() ? "" : r.strings[0]; }
+
+}  // namespace
+
+std::vector<int> StandinService::states() const {
+    return collect<int>(records(), SEND_STATE, firstInt);
+}
+
+std::vector<std::pair<std::string, std::string>> StandinService::versions() const {
+    return collect<std::pair<std::string, std::string>>(
+        records(), SEND_VERSION, [](const Record& r) {
+            return r.strings.size() == 2 ? std::make_pair(r.strings[0], r.strings[1])
+                                         : std::make_pair(std::string(), std::string());
+        });
+}
+
+std::vector<std::string> StandinService::configs() const {
+    return collect<std::string>(records(), SEND_CONFIG, firstString);
+}
+
+std::vector<std::string> StandinService::errorMessages() const {
+    return collect<std::string>(records(), SEND_CONFIG_ERROR_MESSAGE, firstString);
+}
+
+std::vector<int> StandinService::notificationFlags() const {
+    return collect<int>(records(), ENABLE_NOTIFICATION, firstInt);
+}
+
+std::vector<int> StandinService::btSnoopFlags() const {
+    return collect<int>(records(), IS_BT_SNOOPLOG_CONFIG_CHANGED, firstInt);
+}
+
+std::vector<int> StandinService::validUserFlags() const {
+    return collect<int>(records(), UPDATE_VALID_USER_STATUS, firstInt);
+}
+
+std::vector<int> StandinService::bugreportStatuses() const {
+    return collect<int>(records(), UPDATE_TW_BUGREPORT_STATUS, firstInt);
+}
+
+std::vector<int> StandinService::traceLevels() const {
+    return collect<int>(records(), SET_TRACE_LEVEL, firstInt);
+}
+
+std::vector<std::string> StandinService::qcMetaIds() const {
+    return collect<std::string>(records(), SET_QC_META_ID_VERSION, firstString);
+}
+
+bool StandinService::waitUntil(const std::function<bool(const std::vector<Record>&)>& predicate,
+                               std::chrono::milliseconds timeout) {
+    std::unique_lock<std::mutex> lock(impl_->mutex);
+    return impl_->changed.wait_for(lock, timeout, [&] { return predicate(impl_->records); });
+}
+
+void StandinService::setTrace(std::function<void(const std::string&)> trace) {
+    std::lock_guard<std::mutex> lock(impl_->mutex);
+    impl_->trace = std::move(trace);
+}
+
+}  // namespace vdstandin
