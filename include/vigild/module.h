@@ -47,7 +47,7 @@ public:
     virtual int init(moduleConfig& settings) = 0;
     // Start logging with a copy of the current settings.
     virtual int start(moduleConfig settings) = 0;
-    // The wall clock jumped back.
+    // The wall clock jumped.
     virtual int systemTimeChange() = 0;
     // First phase of stopping: every enabled module gets prestop() before any gets stop().
     virtual int prestop() = 0;
@@ -87,7 +87,7 @@ public:
     // Reads the first boolean of that name: 0 and out = (value == "true"), or -1 when absent.
     int getConfigBoolean(moduleConfig& settings, const char* name, int& out) {
         for (const config& c : settings.configs) {
-            if (strcmp(c.name, name) == 0 && strcmp(c.type, "boolean") == 0) {
+            if (sameText(c.name, name) && sameText(c.type, "boolean")) {
                 out = strcmp(c.value, "true") == 0 ? 1 : 0;
                 return 0;
             }
@@ -101,12 +101,17 @@ public:
 private:
     static config* findConfig(moduleConfig& settings, const char* name) {
         for (config& c : settings.configs) {
-            if (strcmp(c.name, name) == 0) return &c;
+            if (sameText(c.name, name)) return &c;
         }
         return nullptr;
     }
-    // Bounds-checked copy: a source that does not fit is a fatal error.
+    static bool sameText(const char* a, const char* b) {
+        return a != nullptr && b != nullptr && strcmp(a, b) == 0;
+    }
+    // Bounds-checked copy: a source that does not fit is a fatal error. A null value is
+    // taken as empty.
     static void checkedCopy(char (&dst)[VD_CONFIG_VALUE_SIZE], const char* src) {
+        if (src == nullptr) src = "";
         size_t n = strlen(src);
         if (n >= VD_CONFIG_VALUE_SIZE) abort();
         memcpy(dst, src, n + 1);
@@ -131,7 +136,8 @@ private:
 // only the exact value "true" enables. A module without one is disabled.
 inline bool isModuleEnabled(const Module::moduleConfig& settings) {
     for (const Module::config& c : settings.configs) {
-        if (strcmp(c.name, "Enable Module") == 0 && strcmp(c.type, "boolean") == 0) {
+        if (c.name != nullptr && c.type != nullptr && strcmp(c.name, "Enable Module") == 0 &&
+            strcmp(c.type, "boolean") == 0) {
             return strcmp(c.value, "true") == 0;
         }
     }
