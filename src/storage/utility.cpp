@@ -97,7 +97,16 @@ int openComponents(const std::vector<std::string>& parts, size_t count, bool cre
             return -1;
         }
         int next = ::openat(dir.get(), parts[i].c_str(), openFlagsFor(parts, i));
-        if (next < 0) return -1;
+        if (next < 0) {
+            // O_DIRECTORY reports a link as ENOTDIR; name it for what it is.
+            struct stat st;
+            if (errno == ENOTDIR &&
+                ::fstatat(dir.get(), parts[i].c_str(), &st, AT_SYMLINK_NOFOLLOW) == 0 &&
+                S_ISLNK(st.st_mode)) {
+                errno = ELOOP;
+            }
+            return -1;
+        }
         dir.reset(next);
     }
     return dir.release();
