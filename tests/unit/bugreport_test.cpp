@@ -1,0 +1,216 @@
+// The bug report worker against stand-in tools written into the device root, and the
+// recovery log copy.
+#include "storage/bugreport.h"
+
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+
+#include <chrono>
+#include <cstring>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "core/daemon_state.h"
+#include "core/log.h"
+#include "core/module_registry.h"
+#include "fakes/test_platform.h"
+#include "standin/standin_service.h"
+
+namespace {
+
+using namespace std::chrono_literals;
+using vigild::testing::TestPlatform;
+
+constexpr const char* kTool = "/system/bin/bugreportz";
+constexpr const char* kArchive = "/bugreports/bugreport-dev-2020.zip";
+
+class BugreportTest : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        p.enableDebugLog();
+        p.makeDir("/sdcard/Tellwick");
+        ASSERT_TRUE(service.start());
+        p.setProperty("persist.sys.vd.tw_bugreport", "true");
+    }
+    void writeTool(const std::string& body) {
+        p.writeFile(kTool, "#!/bin/sh\n" + body + "\n");
+        ASSERT_EQ(chmod(p.hostPath(kTool).c_str(), 0755), 0);
+    }
+    bool logged(const std::string& line, int priority = -1) {
+        return p.log().contains(line, priority);
+    }
+
+    TestPlatform p;
+    vdstandin::StandinService service{p.root()};
+};
+
+TEST_F(BugreportTest, OkLineMovesTheArchiveIntoTheLogFolder) {
+    p.writeFile(kArchive, "zip bytes");
+    writeTool("echo 'Bugreport in progress'\necho 'OK:/bugreports/bugreport-dev-2020.zip'");
+
+    EXPECT_EQ(bugreportPass(), kBugreportDone);
+
+    EXPECT_EQ(p.readFile("/sdcard/Tellwick/TwBugreport-dev-2020.zip"), "zip bytes");
+    EXPECT_FALSE(p.exists(kArchive));
+    EXPECT_EQ(service.bugreportStatuses(), (std::vector<int>{1}));
+    EXPECT_EQ(p.property("persist.sys.vd.tw_bugreport"), "false");
+    EXPECT_TRUE(logged("TwBugreportz::twBugreportSrcPath == /bugreports/bugreport-dev-2020.zip\n"));
+    EXPECT_TRUE(logged("Tw Bugreport::File copied successfully at destination", kLogInfo));
+    EXPECT_TRUE(logged("Tw Bugreport::File deleted successfully from src path", kLogInfo));
+    EXPECT_TRUE(logged("bugreportz exited with status: status == 0", kLogError));
+    EXPECT_LT(p.log().indexOf("inside child process"), p.log().indexOf("inside parent process"));
+}
+
+TEST_F(BugreportTest, ToolsWithoutAnArchiveReportFalse) {
+    const struct {
+        const char* name;
+        std::string body;
+        int status;
+    } cases[] = {
+        {"fail line", "echo 'FAIL:no space left'\nexit 3", 3},
+        {"no output", "exit 0", 0},
+        // The OK line is not in the last chunk read.
+        {"ok then a long tail",
+         "echo 'OK:/bugreports/bugreport-dev-2020.zip'\nhead -c 6000 /dev/zero | tr '\\0' x", 0},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.name);
+        p.log().clear();
+        service.clearRecords();
+        p.setProperty("persist.sys.vd.tw_bugreport", "true");
+        p.writeFile(kArchive, "zip bytes");
+        writeTool(c.body);
+
+        EXPECT_EQ(bugreportPass(), kBugreportDone);
+
+        EXPECT_TRUE(logged("Tw Bugreport::bugreport file is not present", kLogError));
+        EXPECT_EQ(service.bugreportStatuses(), (std::vector<int>{0}));
+        EXPECT_EQ(p.property("persist.sys.vd.tw_bugreport"), "false");
+        EXPECT_TRUE(logged("bugreportz exited with status: status == " + std::to_string(c.status)));
+        EXPECT_TRUE(p.exists(kArchive));
+        EXPECT_FALSE(p.exists("/sdcard/Tellwick/TwBugreport-dev-2020.zip"));
+    }
+}
+
+TEST_F(BugreportTest, MissingToolEndsLikeAFailedRun) {
+    EXPECT_EQ(bugreportPass(), kBugreportDone);
+    EXPECT_EQ(service.bugreportStatuses(), (std::vector<int>{0}));
+    EXPECT_TRUE(logged("bugreportz exited with status: status == 1"));
+}
+
+TEST_F(BugreportTest, MissingArchiveFailsTheCopyAndTheDeletion) {
+    writeTool("echo 'OK:/bugreports/bugreport-gone.zip'");
+    EXPECT_EQ(bugreportPass(), kBugreportDone);
+    EXPECT_TRUE(logged("Tw Bugreport::File copied failed", kLogError));
+    EXPECT_TRUE(
+        logged("Tw Bugreport::File deletion failed from src path ==  No such file or "
+               "directory",
+               kLogError));
+    EXPECT_EQ(service.bugreportStatuses(), (std::vector<int>{0}));
+    EXPECT_EQ(p.property("persist.sys.vd.tw_bugreport"), "false");
+}
+
+TEST_F(BugreportTest, HangingToolIsKilledAtTheDeadline) {
+    // exec, so the killed process is the one holding the pipe.
+    writeTool("exec sleep 1000");
+    int result = -2;
+    ASSERT_TRUE(vigild::testing::finishesWithin([&] { result = bugreportPass(3s); }, 20s));
+    EXPECT_EQ(result, kBugreportDone);
+    EXPECT_EQ(p.clock().sleepCount(), 3u);
+    EXPECT_TRUE(logged("bugreportz did not exit normally", kLogError));
+    EXPECT_EQ(service.bugreportStatuses(), (std::vector<int>{0}));
+    EXPECT_EQ(p.property("persist.sys.vd.tw_bugreport"), "false");
+}
+
+TEST_F(BugreportTest, WithoutServiceThePropertyStaysForARetry) {
+    service.stop();
+    p.writeFile(kArchive, "zip bytes");
+    writeTool("echo 'OK:/bugreports/bugreport-dev-2020.zip'");
+
+    EXPECT_EQ(bugreportPass(), kBugreportNoService);
+
+    EXPECT_TRUE(logged("Failed to obtain a handle on vd_service", kLogError));
+    EXPECT_EQ(p.property("persist.sys.vd.tw_bugreport"), "true");
+    EXPECT_TRUE(p.exists(kArchive));
+    // The child is reaped all the same.
+    EXPECT_TRUE(logged("bugreportz exited with status: status == 0"));
+}
+
+TEST_F(BugreportTest, WorkerPollsEveryThirtySecondsAndRunsOneReportPerRequest) {
+    writeTool("echo 'FAIL:nothing'");
+    p.clock().onSleep([&](std::chrono::milliseconds) {
+        if (p.clock().sleepCount() >= 3) exitRequested = 1;
+    });
+
+    generateBugreport();
+
+    EXPECT_EQ(p.clock().sleeps(), (std::vector<std::chrono::milliseconds>{30s, 30s, 30s}));
+    EXPECT_EQ(p.log().count("inside parent process"), 1);
+    EXPECT_TRUE(logged("generateBugreport::finish"));
+}
+
+TEST_F(BugreportTest, WorkerStartsNothingWhileThePropertyIsNotTrue) {
+    writeTool("echo 'FAIL:nothing'");
+    for (const char* value : {"false", "TRUE", "true "}) {
+        SCOPED_TRACE(value);
+        p.setProperty("persist.sys.vd.tw_bugreport", value);
+        exitRequested = 0;
+        p.clock().onSleep([&](std::chrono::milliseconds) { exitRequested = 1; });
+        generateBugreport();
+    }
+    EXPECT_EQ(p.log().count("inside child process"), 0);
+    EXPECT_TRUE(service.bugreportStatuses().empty());
+}
+
+class RecoveryModule : public Module {
+  public:
+    int shouldLoad() override { return 0; }
+    int init(moduleConfig&) override { return 0; }
+    int start(moduleConfig) override { return starts++, 0; }
+    int systemTimeChange() override { return 0; }
+    int prestop() override { return stops++, 0; }
+    int stop() override { return stops++, 0; }
+    const char* getName() override { return name; }
+    const char* getVersion() override { return "14.0.0.1"; }
+    int configVal(moduleConfig&, std::vector<std::string>&) override { return 0; }
+    int logcatEOFStatus() override { return 0; }
+    const char* name = "RecoveryModule";
+    int starts = 0;
+    int stops = 0;
+};
+
+TEST(CopyRecoveryLogsTest, StartsAnEnabledRecoveryModuleOnlyWhileRunning) {
+    TestPlatform p;
+    p.enableDebugLog();
+    RecoveryModule recovery, other;
+    other.name = "recoveryModule";
+    moduleRegistry.emplace_back(&other);
+    moduleRegistry.emplace_back(&recovery);
+
+    const struct {
+        int state;
+        const char* enable;
+        int starts;
+        bool named;
+    } cases[] = {
+        {0, "true", 0, false}, {2, "true", 0, false}, {1, "false", 0, true}, {1, "true", 1, true}};
+    for (const auto& c : cases) {
+        SCOPED_TRACE(std::to_string(c.state) + c.enable);
+        p.log().clear();
+        recovery.starts = 0;
+        runState = c.state;
+        strcpy(moduleRegistry[1].settings.configs[0].value, c.enable);
+
+        copyRecoveryLogs();
+
+        EXPECT_EQ(recovery.starts, c.starts);
+        EXPECT_EQ(p.log().contains("copyRecoveryLogs():module is RecoveryModule"), c.named);
+        EXPECT_EQ(p.log().contains("copyRecoveryLogs()- MODULE_CONFIG_ENABLE enable#1: 1"),
+                  c.starts == 1);
+    }
+    EXPECT_EQ(recovery.stops, 0);
+    EXPECT_EQ(other.starts, 0);
+}
+
+}  // namespace
