@@ -70,6 +70,7 @@ int32_t Parcel::readInt32() {
 }
 
 bool Parcel::read(void* out, size_t size) {
+    if (size > dataAvail()) return false;  // before padding, which would wrap near SIZE_MAX
     const uint64_t padded = padSize(size);
     if (padded > dataAvail()) return false;
     if (size > 0) std::memcpy(out, data_.data() + pos_, size);
