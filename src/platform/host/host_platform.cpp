@@ -111,7 +111,8 @@ int FileProperties::set(const char* key, const char* value) {
     for (const char* p : {"/dev", "/dev/__properties__"}) {
         ::mkdir(root_->toHost(p).c_str(), 0755);
     }
-    std::string tmp = dir + "." + key + ".XXXXXX";
+    // The temporary name stays within NAME_MAX however long the property name is.
+    std::string tmp = dir + "." + std::string(key).substr(0, 200) + ".XXXXXX";
     std::vector<char> tmpl(tmp.begin(), tmp.end());
     tmpl.push_back('\0');
     int fd = mkostemp(tmpl.data(), O_CLOEXEC);
@@ -182,6 +183,10 @@ Child HostProcesses::spawn(const char* devicePath) {
         ::_exit(1);
     }
     ::close(fds[1]);
+    if (pid < 0) {
+        ::close(fds[0]);
+        return child;
+    }
     child.pid = pid;
     child.outputFd = fds[0];
     return child;
