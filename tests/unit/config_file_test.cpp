@@ -1,0 +1,491 @@
+// The configuration file: saves that survive kills and full disks, loading with its reset
+// and retry, log path upkeep, and the deploy permission asked of the service.
+#include "config/config_file.h"
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <jansson.h>
+#include <signal.h>
+#include <sys/mount.h>
+#include <sys/stat.h>
+#include <sys/statvfs.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstdlib>
+#include <cstring>
+#include <memory>
+#include <random>
+#include <string>
+#include <vector>
+
+#include "config/config_validation.h"
+#include "config/file_watch.h"
+#include "core/daemon_state.h"
+#include "core/log.h"
+#include "core/module_registry.h"
+#include "fakes/test_platform.h"
+#include "standin/standin_service.h"
+
+namespace {
+
+using vigild::testing::TestPlatform;
+
+constexpr const char* kConfigPath = "/sdcard/Tellwick/config.json";
+constexpr const char* kSecureCopy =
+    "/sdcard/Android/data/com.tandril.tellwick/Tellwick/secure/log_data/config.json";
+
+class FakeModule : public Module {
+  public:
+    explicit FakeModule(const char* name) : name_(name) {}
+    int shouldLoad() override { return 0; }
+    int init(moduleConfig&) override { return 0; }
+    int start(moduleConfig) override { return 0; }
+    int systemTimeChange() override { return 0; }
+    int prestop() override { return 0; }
+    int stop() override { return 0; }
+    const char* getName() override { return name_; }
+    const char* getVersion() override { return "14.0.0.1"; }
+    int configVal(moduleConfig&, std::vector<std::string>&) override { return 0; }
+    int logcatEOFStatus() override { return 0; }
+
+  private:
+    const char* name_;
+};
+
+// Names must outlive the registry.
+const std::vector<std::string>& blobNames() {
+    static const std::vector<std::string> names = [] {
+        std::vector<std::string> n;
+        for (int i = 0; i < 120; i++) n.push_back("Blob " + std::to_string(i));
+        return n;
+    }();
+    return names;
+}
+
+class ConfigFileTest : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        resetConfigValidationForTesting();
+        resetConfigFileForTesting();
+    }
+
+    void addModule(const char* name) {
+        modules_.push_back(std::make_unique<FakeModule>(name));
+        moduleRegistry.emplace_back(modules_.back().get());
+    }
+    void addSetting(const char* name, const char* type, const char* value) {
+        Module::config c = {};
+        c.name = name;
+        c.type = type;
+        strcpy(c.defaultValue, value);
+        strcpy(c.value, value);
+        moduleRegistry.back().settings.configs.push_back(c);
+    }
+    Module::config& setting(size_t entry, size_t index) {
+        return moduleRegistry[entry].settings.configs[index];
+    }
+    // The registry's document with every setting after "Enable Module" set to `value`.
+    static std::string documentOf(const std::string& value) {
+        json_t* document = json_object();
+        for (modulePair& entry : moduleRegistry) {
+            json_t* settings = json_array();
+            for (const Module::config& c : entry.settings.configs) {
+                const char* v = strcmp(c.name, "Enable Module") == 0 ? c.value : value.c_str();
+                json_array_append_new(settings, json_pack("{s:s,s:s,s:s,s:[]}", "name", c.name,
+                                                          "type", c.type, "value", v, "list"));
+            }
+            json_object_set_new(document, entry.module->getName(),
+                                json_pack("{s:o}", "settings", settings));
+        }
+        char* text = json_dumps(document, 0);
+        std::string result = text;
+        free(text);
+        json_decref(document);
+        return result;
+    }
+    // The value every blob setting holds, or "" when they differ.
+    static std::string uniformValue() {
+        std::string first = moduleRegistry[0].settings.configs[1].value;
+        for (size_t i = 1; i < moduleRegistry[0].settings.configs.size(); i++) {
+            if (first != moduleRegistry[0].settings.configs[i].value) return "";
+        }
+        return first;
+    }
+    void makeBlobRegistry() {
+        addModule("BlobModule");
+        for (const std::string& name : blobNames()) addSetting(name.c_str(), "string", "d");
+    }
+    ino_t inode(const std::string& devicePath) {
+        struct stat st = {};
+        EXPECT_EQ(lstat(p_.hostPath(devicePath).c_str(), &st), 0);
+        return st.st_ino;
+    }
+
+    TestPlatform p_;
+    std::vector<std::unique_ptr<FakeModule>> modules_;
+};
+
+TEST_F(ConfigFileTest, SaveRewritesTheFileInPlaceAndLeavesNoCopyBehind) {
+    saveFile(kConfigPath, "first");
+    EXPECT_TRUE(p_.log().contains("Error opening file : /sdcard/Tellwick/config.json errno : 2",
+                                  kLogError));
+    EXPECT_FALSE(p_.exists(kConfigPath));
+
+    p_.makeDir("/sdcard/Tellwick/");
+    saveFile(kConfigPath, "a longer first text");
+    ino_t before = inode(kConfigPath);
+    saveFile(kConfigPath, "second");
+    EXPECT_EQ(p_.readFile(kConfigPath), "second");
+    EXPECT_EQ(inode(kConfigPath), before);
+    EXPECT_FALSE(p_.exists(std::string(kConfigPath) + ".bak"));
+    EXPECT_FALSE(p_.exists(std::string(kConfigPath) + ".tmp"));
+
+    saveFile(kConfigPath, nullptr);
+    EXPECT_EQ(p_.readFile(kConfigPath), "second");
+}
+
+TEST_F(ConfigFileTest, SaveNeverWritesThroughALink) {
+    p_.writeFile("/sdcard/elsewhere.txt", "precious");
+    p_.makeDir("/sdcard/Tellwick/");
+    ASSERT_EQ(
+        symlink(p_.hostPath("/sdcard/elsewhere.txt").c_str(), p_.hostPath(kConfigPath).c_str()), 0);
+    saveFile(kConfigPath, "{}");
+    EXPECT_EQ(p_.readFile("/sdcard/elsewhere.txt"), "precious");
+    EXPECT_TRUE(p_.log().contains("Error opening file : /sdcard/Tellwick/config.json errno : 40",
+                                  kLogError));
+    EXPECT_FALSE(p_.exists(std::string(kConfigPath) + ".bak"));
+}
+
+TEST_F(ConfigFileTest, ACopyLeftByAnInterruptedSaveIsTakenBack) {
+    const std::string copy = std::string(kConfigPath) + ".bak";
+    const std::string partial = std::string(kConfigPath) + ".tmp";
+    struct Case {
+        const char* what;
+        const char* file;  // null: absent
+        const char* copy;
+        const char* partial;
+        const char* expected;
+    };
+    const Case cases[] = {
+        {"file not yet touched", "old", "new text", nullptr, "new text"},
+        {"file torn", "new", "new text", nullptr, "new text"},
+        {"file longer and torn", "new text and old tail", "new text", nullptr, "new text"},
+        {"file not yet created", nullptr, "new text", nullptr, "new text"},
+        {"copy never finished", "old", nullptr, "new t", "old"},
+        {"empty copy", "old", "", nullptr, "old"},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.what);
+        p_.makeDir("/sdcard/Tellwick/");
+        unlink(p_.hostPath(kConfigPath).c_str());
+        if (c.file) p_.writeFile(kConfigPath, c.file);
+        if (c.copy) p_.writeFile(copy, c.copy);
+        if (c.partial) p_.writeFile(partial, c.partial);
+        ino_t before = c.file ? inode(kConfigPath) : 0;
+        EXPECT_EQ(takeLeftConfigCopy(kConfigPath), kConfigPath);
+        EXPECT_EQ(p_.readFile(kConfigPath), c.expected);
+        if (c.file) {
+            EXPECT_EQ(inode(kConfigPath), before);
+        }
+        EXPECT_FALSE(p_.exists(copy));
+        EXPECT_FALSE(p_.exists(partial));
+    }
+
+    // A link in the copy's place is not ours: it goes, its target stays.
+    p_.writeFile("/sdcard/elsewhere.txt", "precious");
+    ASSERT_EQ(symlink(p_.hostPath("/sdcard/elsewhere.txt").c_str(), p_.hostPath(copy).c_str()), 0);
+    EXPECT_EQ(takeLeftConfigCopy(kConfigPath), kConfigPath);
+    EXPECT_EQ(p_.readFile(kConfigPath), "old");
+    EXPECT_EQ(p_.readFile("/sdcard/elsewhere.txt"), "precious");
+}
+
+TEST_F(ConfigFileTest, LoadingMissingValidPartialAndBrokenFiles) {
+    makeBlobRegistry();
+    p_.setProperty("persist.sys.vd.storage_path", "/sdcard/");
+    EXPECT_EQ(loadConfigFile(kConfigPath), 0);
+
+    p_.writeFile(kConfigPath, documentOf("d"));
+    EXPECT_EQ(loadConfigFile(kConfigPath), 0);
+
+    p_.writeFile(kConfigPath, documentOf("valid"));
+    EXPECT_EQ(loadConfigFile(kConfigPath), 1);
+    EXPECT_EQ(uniformValue(), "valid");
+
+    // One setting missing: it keeps its value, the others are applied.
+    json_t* partial = json_loads(documentOf("partial").c_str(), 0, nullptr);
+    json_array_remove(json_object_get(json_object_get(partial, "BlobModule"), "settings"), 5);
+    char* text = json_dumps(partial, 0);
+    p_.writeFile(kConfigPath, text);
+    free(text);
+    json_decref(partial);
+    EXPECT_EQ(loadConfigFile(kConfigPath), 1);
+    EXPECT_STREQ(setting(0, 5).value, "valid");
+    EXPECT_STREQ(setting(0, 6).value, "partial");
+    EXPECT_FALSE(p_.log().contains("config file load failed, load again"));
+
+    p_.writeFile(kConfigPath, "{\"BlobModule\": {\"settings\": [");
+    EXPECT_EQ(loadConfigFile(kConfigPath), 1);
+    EXPECT_TRUE(p_.log().contains("config file load failed, load again", kLogError));
+    EXPECT_EQ(uniformValue(), "d");
+    EXPECT_EQ(validateConfig(p_.readFile(kConfigPath).c_str()), 0);
+}
+
+TEST_F(ConfigFileTest, PersistLogPathsFollowTheRoot) {
+    struct Case {
+        bool bootLog;
+        bool secure;
+        const char* value;
+        const char* expected;
+    };
+    const Case cases[] = {
+        {false, false, "/sdcard/Tellwick/persist/", "/sdcard/Tellwick/persist/"},
+        {false, false, "/data/logs/persist/", "/sdcard/Tellwick/persist/"},
+        {true, false, "/data/logs/persist/", "/sdcard/Tellwick/persist/bootlog"},
+        {true, true, "",
+         "/sdcard/Android/data/com.tandril.tellwick/Tellwick/secure/log_data/persist/bootlog"},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.value);
+        p_.setProperty("persist.sys.vd.secure_mode", c.secure ? "true" : "false");
+        EXPECT_EQ(persistLogPathUpdate(c.bootLog, c.value, "/sdcard/"), c.expected);
+    }
+}
+
+class ConfigServiceTest : public ConfigFileTest {
+  protected:
+    void SetUp() override {
+        ConfigFileTest::SetUp();
+        service_ = std::make_unique<vdstandin::StandinService>(p_.root());
+        ASSERT_TRUE(service_->start());
+    }
+    void TearDown() override { service_->stop(); }
+    std::unique_ptr<vdstandin::StandinService> service_;
+};
+
+TEST_F(ConfigServiceTest, LogPathsAreBroughtIntoTheStorageRoot) {
+    struct Case {
+        const char* what;
+        const char* root;
+        bool secure;
+        const char* value;
+        const char* expected;
+        bool restart;
+        bool saved;
+    };
+    const char* secureAnr =
+        "/sdcard/Android/data/com.tandril.tellwick/Tellwick/secure/log_data/anr/";
+    const Case cases[] = {
+        {"internal, in order", "/sdcard/", false, "/sdcard/Tellwick/anr/", "/sdcard/Tellwick/anr/",
+         false, false},
+        {"external card gone", "/sdcard/", false, "/storage/ABCD-1234/Tellwick/anr/",
+         "/sdcard/Tellwick/anr/", true, true},
+        {"corrupt card path", "/sdcard/", false, "/storage/sdcard1/Tellwick/anr/",
+         "/sdcard/Tellwick/anr/", false, true},
+        {"empty", "/sdcard/", false, "", "/sdcard/", false, true},
+        {"no folder at all", "/sdcard/", false, "abc", "/sdcard/Tellwick/anr/", true, true},
+        {"secure folder outside secure mode", "/sdcard/", false, secureAnr, "/sdcard/Tellwick/anr/",
+         false, true},
+        {"secure mode", "/sdcard/", true, "/sdcard/Tellwick/anr/", secureAnr, false, true},
+        {"card root, on the card", "/storage/1A2B-3C4D/", false, "/storage/1A2B-3C4D/Tellwick/anr/",
+         "/storage/1A2B-3C4D/Tellwick/anr/", false, false},
+        {"card root, internal path", "/storage/1A2B-3C4D/", false, "/sdcard/Tellwick/anr/",
+         "/storage/1A2B-3C4D/Tellwick/anr/", true, true},
+    };
+    addModule("ANRModule");
+    addSetting("Log Path", "string", "/sdcard/Tellwick/anr/");
+    p_.makeDir("/storage/1A2B-3C4D/");
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.what);
+        p_.setProperty("persist.sys.vd.storage_path", c.root);
+        p_.setProperty("persist.sys.vd.secure_mode", c.secure ? "true" : "false");
+        // The card is there throughout; internal storage only keeps "/sdcard/" the root.
+        p_.setProperty("persist.sys.vd.internal_sd",
+                       strcmp(c.root, "/sdcard/") == 0 ? "true" : "false");
+        std::string file = configFilePath(c.root);
+        p_.writeFile(file, "sentinel");
+        service_->clearRecords();
+        resetConfigFileForTesting();
+        strcpy(setting(0, 1).value, c.value);
+
+        updateConfigDefault(false);
+        EXPECT_STREQ(setting(0, 1).value, c.expected);
+        EXPECT_EQ(restartAfterPathChange.load(), c.restart);
+        EXPECT_EQ(p_.readFile(file) != "sentinel", c.saved);
+        EXPECT_EQ(!service_->configs().empty(), c.saved);
+    }
+}
+
+TEST_F(ConfigServiceTest, AMissingFileIsCreatedAndSent) {
+    addModule("ANRModule");
+    p_.setProperty("persist.sys.vd.storage_path", "/sdcard/");
+    updateConfigDefault(false);
+    EXPECT_EQ(validateConfig(p_.readFile(kConfigPath).c_str()), 0);
+    ASSERT_EQ(service_->configs().size(), 1u);
+    EXPECT_EQ(service_->configs()[0], p_.readFile(kConfigPath));
+}
+
+TEST_F(ConfigServiceTest, LoadAppliesSendsAndKeepsNothingBack) {
+    makeBlobRegistry();
+    p_.setProperty("persist.sys.vd.storage_path", "/sdcard/");
+    p_.writeFile(kConfigPath, documentOf("loaded"));
+    EXPECT_EQ(loadConfigFile(kConfigPath), 1);
+    EXPECT_EQ(uniformValue(), "loaded");
+    ASSERT_FALSE(service_->configs().empty());
+    EXPECT_EQ(service_->configs().back(), p_.readFile(kConfigPath));
+}
+
+TEST_F(ConfigServiceTest, SecureModeCopiesTheFileOnlyWithTheUsersRight) {
+    p_.setProperty("persist.sys.vd.storage_path", "/sdcard/");
+    p_.makeDir("/sdcard/Tellwick/");
+    saveFile(kConfigPath, "normal");
+    EXPECT_FALSE(p_.exists(kSecureCopy));
+    for (const auto& record : service_->records()) EXPECT_NE(record.method, "isUserValidToDeploy");
+
+    p_.setProperty("persist.sys.vd.secure_mode", "true");
+    service_->updateAnswers([](vdstandin::DeviceAnswers& a) { a.userValidToDeploy = 0; });
+    saveFile(kConfigPath, "refused");
+    EXPECT_FALSE(p_.exists(kSecureCopy));
+
+    service_->updateAnswers([](vdstandin::DeviceAnswers& a) { a.userValidToDeploy = 1; });
+    saveFile(kConfigPath, "granted");
+    ASSERT_TRUE(p_.exists(kSecureCopy));
+    EXPECT_EQ(p_.readFile(kSecureCopy), "granted");
+}
+
+TEST_F(ConfigServiceTest, DeployPermissionIsTheServicesAnswer) {
+    service_->updateAnswers([](vdstandin::DeviceAnswers& a) { a.userValidToDeploy = 1; });
+    EXPECT_EQ(isPermissionGrantedToDeployConfig(), 1);
+    EXPECT_FALSE(p_.log().contains("vigild: isPermissionGrantedToDeployConfig(): status = 1"));
+    p_.setProperty("ro.debuggable", "1");
+    service_->updateAnswers([](vdstandin::DeviceAnswers& a) { a.userValidToDeploy = 0; });
+    EXPECT_EQ(isPermissionGrantedToDeployConfig(), 0);
+    EXPECT_TRUE(
+        p_.log().contains("vigild: isPermissionGrantedToDeployConfig(): status = 0", kLogInfo));
+
+    updateValidUserStatus(true);
+    updateValidUserStatus(false);
+    EXPECT_EQ(service_->validUserFlags(), (std::vector<int>{1, 0}));
+
+    service_->stop();
+    p_.log().clear();
+    EXPECT_EQ(isPermissionGrantedToDeployConfig(), 0);
+    EXPECT_TRUE(p_.log().contains("Failed to obtain a handle on vd_service", kLogError));
+    p_.log().clear();
+    updateValidUserStatus(true);
+    EXPECT_TRUE(p_.log().contains("Failed to obtain a handle on vd_service", kLogError));
+}
+
+// Writes `text` until the file system is full; returns the filler's host path.
+std::string fillUp(const std::string& folder, size_t leave) {
+    struct statvfs vfs = {};
+    EXPECT_EQ(statvfs(folder.c_str(), &vfs), 0);
+    size_t available = static_cast<size_t>(vfs.f_bavail) * vfs.f_bsize;
+    std::string filler = folder + "/filler";
+    int fd = open(filler.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+    std::string block(available > leave ? available - leave : 0, 'f');
+    EXPECT_EQ(write(fd, block.data(), block.size()), static_cast<ssize_t>(block.size()));
+    close(fd);
+    return filler;
+}
+
+class ConfigFullDiskTest : public ConfigFileTest {
+  protected:
+    void SetUp() override {
+        ConfigFileTest::SetUp();
+        p_.makeDir("/sdcard/Tellwick/");
+        mountPoint_ = p_.hostPath("/sdcard/Tellwick");
+        if (mount("tmpfs", mountPoint_.c_str(), "tmpfs", 0, "size=64k") != 0) {
+            GTEST_SKIP() << "cannot mount a small tmpfs here: " << strerror(errno);
+        }
+        mounted_ = true;
+        p_.setProperty("persist.sys.vd.storage_path", "/sdcard/");
+        makeBlobRegistry();
+    }
+    void TearDown() override {
+        if (mounted_) umount2(mountPoint_.c_str(), MNT_DETACH);
+    }
+    std::string mountPoint_;
+    bool mounted_ = false;
+};
+
+TEST_F(ConfigFullDiskTest, AFullDiskLeavesALoadableFile) {
+    const std::string small = documentOf("s");
+    const std::string big = documentOf(std::string(150, 'B'));
+    ASSERT_GT(big.size(), 16000u);
+    saveFile(kConfigPath, small.c_str());
+
+    // No room even for the copy: the file stays as it was.
+    std::string filler = fillUp(mountPoint_, 4096);
+    saveFile(kConfigPath, big.c_str());
+    EXPECT_TRUE(p_.log().contains("Error writing file : /sdcard/Tellwick/config.json errno : 28",
+                                  kLogError));
+    EXPECT_EQ(p_.readFile(kConfigPath), small);
+    EXPECT_FALSE(p_.exists(std::string(kConfigPath) + ".tmp"));
+
+    // Room for the copy but not for the rewrite: the copy is what loads.
+    unlink(filler.c_str());
+    fillUp(mountPoint_, big.size() + 4096 * 2);
+    saveFile(kConfigPath, big.c_str());
+    EXPECT_TRUE(p_.exists(std::string(kConfigPath) + ".bak"));
+    loadConfigFile(kConfigPath);
+    EXPECT_EQ(uniformValue(), std::string(150, 'B'));
+
+    // Room again: the next load puts the copy back in place.
+    unlink((mountPoint_ + "/filler").c_str());
+    EXPECT_EQ(takeLeftConfigCopy(kConfigPath), kConfigPath);
+    EXPECT_FALSE(p_.exists(std::string(kConfigPath) + ".bak"));
+}
+
+TEST_F(ConfigFileTest, AKillDuringASaveNeverLeavesATornConfiguration) {
+    makeBlobRegistry();
+    p_.setProperty("persist.sys.vd.storage_path", "/sdcard/");
+    p_.makeDir("/sdcard/Tellwick/");
+    const std::string valueA(200, 'A');
+    const std::string valueB(150, 'B');  // shorter: a torn rewrite would keep a tail of A
+    const std::string documentA = documentOf(valueA);
+    const std::string documentB = documentOf(valueB);
+    saveFile(kConfigPath, documentA.c_str());
+
+    std::mt19937 rng(12345);
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+    int kills = 0;
+    int copiesFound = 0;
+    for (; kills < 150 && std::chrono::steady_clock::now() < deadline; kills++) {
+        int progress[2];
+        ASSERT_EQ(pipe(progress), 0);
+        pid_t child = fork();
+        ASSERT_GE(child, 0);
+        if (child == 0) {
+            close(progress[0]);
+            for (unsigned i = 0;; i++) {
+                saveFile(kConfigPath, (i % 2 ? documentB : documentA).c_str());
+                if (write(progress[1], "x", 1) != 1) _exit(1);
+            }
+        }
+        close(progress[1]);
+        // Let a few saves finish, then kill at a random moment of the next one.
+        int saves = static_cast<int>(rng() % 3);
+        char byte;
+        for (int i = 0; i < saves; i++) ASSERT_EQ(read(progress[0], &byte, 1), 1);
+        auto until = std::chrono::steady_clock::now() + std::chrono::microseconds(rng() % 3000);
+        while (std::chrono::steady_clock::now() < until) {
+        }
+        kill(child, SIGKILL);
+        int status = 0;
+        waitpid(child, &status, 0);
+        close(progress[0]);
+
+        if (p_.exists(std::string(kConfigPath) + ".bak")) copiesFound++;
+        loadConfigFile(kConfigPath);
+        std::string loaded = uniformValue();
+        ASSERT_TRUE(loaded == valueA || loaded == valueB)
+            << "after kill " << kills << ": '" << loaded << "'";
+        EXPECT_FALSE(p_.log().contains("config file load failed, load again"));
+    }
+    EXPECT_GE(kills, 20);
+    RecordProperty("copies_found", copiesFound);
+}
+
+}  // namespace
