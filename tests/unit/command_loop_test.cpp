@@ -158,16 +158,21 @@ TEST_F(CommandLoopTest, OnlyWholeExactWordsAreCommands) {
     EXPECT_TRUE(service.records().empty());
 }
 
-// Runs the loop on its own thread; `finish` must make it return.
+// Runs the loop on its own thread. A test that fails early still ends it: `unblock` makes
+// a pending waitForResponse return.
 class LoopRunner {
   public:
-    LoopRunner()
-        : thread_([this] {
+    explicit LoopRunner(std::function<void()> unblock)
+        : unblock_(std::move(unblock)), thread_([this] {
               vd_service_handler();
               done_ = true;
           }) {}
     ~LoopRunner() {
-        if (thread_.joinable()) thread_.join();
+        if (!done_) {
+            exitRequested = 1;
+            unblock_();
+        }
+        thread_.join();
     }
     // Bounded real wait for the loop to return.
     bool finished(std::chrono::milliseconds timeout) {
