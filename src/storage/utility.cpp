@@ -29,7 +29,7 @@ constexpr size_t kMaxOpenDirs = 64;
 
 // Closes a descriptor when it goes out of scope.
 class UniqueFd {
-public:
+  public:
     explicit UniqueFd(int fd = -1) : fd_(fd) {}
     ~UniqueFd() { reset(); }
     UniqueFd(const UniqueFd&) = delete;
@@ -49,14 +49,14 @@ public:
         fd_ = fd;
     }
 
-private:
+  private:
     int fd_;
 };
 
 // A device path cut into its components; "." is dropped.
 struct SplitPath {
     std::vector<std::string> parts;
-    bool valid = true; // false when a component is ".."
+    bool valid = true;  // false when a component is ".."
 };
 
 SplitPath splitPath(std::string_view path) {
@@ -125,11 +125,11 @@ int removeEntry(int dirFd, const char* name, bool trusted) {
 }
 
 struct RemoveFrame {
-    DIR* dir = nullptr; // null while closed to save descriptors
+    DIR* dir = nullptr;  // null while closed to save descriptors
     dev_t dev = 0;
     ino_t ino = 0;
     size_t pathLength = 0;
-    std::string name; // in the parent
+    std::string name;  // in the parent
     int result = 0;
     // Entries seen here that are still present (their removal failed): skipped when the
     // directory is read again after being reopened.
@@ -292,7 +292,7 @@ bool copyContents(int in, int out) {
     }
 }
 
-} // namespace
+}  // namespace
 
 int getprop(char* value, const char* key, const char* defaultValue) {
     return vigild::platform::current().properties->get(key, value, defaultValue);
@@ -406,8 +406,7 @@ std::string truncateFromSubstring(const std::string& text, const std::string& pa
 }
 
 bool copyFile(const std::string& source, const std::string& destination) {
-    LOGD("copyFile::sourcePath == %s, destination path == %s", source.c_str(),
-         destination.c_str());
+    LOGD("copyFile::sourcePath == %s, destination path == %s", source.c_str(), destination.c_str());
     UniqueFd in(vigild::fs::open(source.c_str(), O_RDONLY | O_NONBLOCK | O_NOFOLLOW | O_CLOEXEC));
     struct stat st = {};
     if (in.get() >= 0 && (fstat(in.get(), &st) != 0 || !S_ISREG(st.st_mode))) {
@@ -437,8 +436,8 @@ bool copyFile(const std::string& source, const std::string& destination) {
             !S_ISDIR(existing.st_mode)) {
             ::unlinkat(parent.get(), name, 0);
         }
-        out.reset(::openat(parent.get(), name,
-                           O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0666));
+        out.reset(::openat(parent.get(), name, O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC,
+                           0666));
     }
     if (out.get() < 0) {
         LOGD("Error: Could not open destination file: error == %s ", strerror(errno));
@@ -470,7 +469,7 @@ int mkdir_all(const char* path) {
         errno = EINVAL;
         return -1;
     }
-    if (split.parts.empty()) return 0; // "/" exists
+    if (split.parts.empty()) return 0;  // "/" exists
     size_t last = split.parts.size() - 1;
     UniqueFd parent(openComponents(split.parts, last, true));
     if (parent.get() < 0) return -1;

@@ -21,7 +21,7 @@ using vigild::testing::TestPlatform;
 namespace {
 
 class UtilityTest : public ::testing::Test {
-protected:
+  protected:
     void SetUp() override { p.enableDebugLog(); }
 
     // A host symlink at `devicePath` pointing to `target` (a host path).
@@ -31,7 +31,8 @@ protected:
         ASSERT_EQ(symlink(target.c_str(), p.hostPath(devicePath).c_str()), 0);
     }
     bool isDir(const std::string& devicePath) {
-        return std::filesystem::is_directory(std::filesystem::symlink_status(p.hostPath(devicePath)));
+        return std::filesystem::is_directory(
+            std::filesystem::symlink_status(p.hostPath(devicePath)));
     }
     static std::string readAll(char* data) {
         std::unique_ptr<char[]> owned(data);
@@ -50,7 +51,7 @@ int countOpenFds() {
     return n;
 }
 
-} // namespace
+}  // namespace
 
 TEST_F(UtilityTest, SubstrNthPlace) {
     struct Case {
@@ -64,7 +65,7 @@ TEST_F(UtilityTest, SubstrNthPlace) {
         {"/sdcard/Tellwick/", "/", 0, "/"},
         {"/sdcard/Tellwick/", "/", -5, "/"},
         {"/storage/1A2B-3C4D/x", "/", 2, "/storage/1A2B-3C4D/"},
-        {"abab", "ab", 1, "aba"}, // index 0 never counts
+        {"abab", "ab", 1, "aba"},  // index 0 never counts
         {"abab", "ab", 2, "UNKNOWN"},
         {"", "/", 1, "UNKNOWN"},
         {"", "/", 0, ""},
@@ -80,24 +81,24 @@ TEST_F(UtilityTest, SubstrNthPlace) {
 
 TEST_F(UtilityTest, Trim) {
     std::pair<std::string, std::string> cases[] = {
-        {" \t abc\n", "abc"},  {"abc\r", "abc\r"}, {"  ", ""},       {"", ""},
-        {"\n\t\n", ""},        {"a b", "a b"},     {"\ra\r", "\ra\r"}, {" x ", "x"},
+        {" \t abc\n", "abc"}, {"abc\r", "abc\r"}, {"  ", ""},         {"", ""},
+        {"\n\t\n", ""},       {"a b", "a b"},     {"\ra\r", "\ra\r"}, {" x ", "x"},
     };
     for (const auto& [in, out] : cases) EXPECT_EQ(trim(in), out) << "[" << in << "]";
 }
 
 TEST_F(UtilityTest, TruncateFromSubstring) {
     EXPECT_EQ(truncateFromSubstring("A: B", ": "), "B");
-    EXPECT_TRUE(p.log().contains("truncateFromSubstring::truncate string::return str == B",
-                                 kLogDebug));
+    EXPECT_TRUE(
+        p.log().contains("truncateFromSubstring::truncate string::return str == B", kLogDebug));
     EXPECT_EQ(truncateFromSubstring("OK:/data/a.zip:x", ":"), "/data/a.zip:x");
     EXPECT_EQ(truncateFromSubstring("A:", ":"), "");
 
     for (const char* pattern : {"", "missing"}) {
         p.log().clear();
         EXPECT_EQ(truncateFromSubstring("A: B", pattern), "");
-        EXPECT_TRUE(p.log().contains(
-            "truncateFromSubstring::substring not found in orginal string", kLogError));
+        EXPECT_TRUE(p.log().contains("truncateFromSubstring::substring not found in orginal string",
+                                     kLogError));
     }
 }
 
@@ -118,8 +119,14 @@ TEST_F(UtilityTest, IsNumberInRange) {
         int32_t value, a, b;
         bool expected;
     } cases[] = {
-        {5, 3, 10, true},   {3, 3, 10, true},  {11, 10, 0, true}, {10, 10, 0, false},
-        {1, 10, 0, false},  {0, 10, 0, true},  {-1, 10, 0, true}, {INT32_MIN, INT32_MAX, INT32_MIN, true},
+        {5, 3, 10, true},
+        {3, 3, 10, true},
+        {11, 10, 0, true},
+        {10, 10, 0, false},
+        {1, 10, 0, false},
+        {0, 10, 0, true},
+        {-1, 10, 0, true},
+        {INT32_MIN, INT32_MAX, INT32_MIN, true},
         {INT32_MAX, INT32_MAX, INT32_MIN, false},
     };
     for (const Case& c : cases) {
@@ -140,11 +147,11 @@ TEST_F(UtilityTest, PropertiesForwardToThePlatform) {
 
 TEST(UtilityDebugBuildTest, DebuggableOrSwitch) {
     struct Case {
-        const char* debuggable; // nullptr: unset
+        const char* debuggable;  // nullptr: unset
         bool debugLog;
         bool expected;
     } cases[] = {
-        {nullptr, false, false}, {"1", false, true}, {"0", false, false},
+        {nullptr, false, false}, {"1", false, true},     {"0", false, false},
         {"10", false, true},     {"true", false, false}, {"0", true, true},
     };
     for (const Case& c : cases) {
@@ -157,9 +164,10 @@ TEST(UtilityDebugBuildTest, DebuggableOrSwitch) {
 }
 
 TEST_F(UtilityTest, ExecuteCommandToStringKeepsTheLastVolumeLine) {
-    EXPECT_EQ(ExecuteCommandToString(
-                  "printf 'vol emulated\\npublic:179,1 mounted 1A2B\\n\\npublic:179,9 x\\nshort\\n'"),
-              "public:179,9 x");
+    EXPECT_EQ(
+        ExecuteCommandToString(
+            "printf 'vol emulated\\npublic:179,1 mounted 1A2B\\n\\npublic:179,9 x\\nshort\\n'"),
+        "public:179,9 x");
     EXPECT_EQ(ExecuteCommandToString("printf 'a volume public:179,3 tail\\nnothing here\\n'"),
               "public:179,3 tail");
     // "public:179" alone is exactly 10 characters, so it still counts.
@@ -196,9 +204,8 @@ TEST_F(UtilityTest, FileReaderRefusesWhatIsNotARegularFile) {
     p.writeFile("/sdcard/huge", "");
     ASSERT_EQ(truncate(p.hostPath("/sdcard/huge").c_str(), kFileReaderLimit + 1), 0);
 
-    for (const char* path :
-         {"/sdcard/Tellwick/config.json", "/sdcard/dir", "/sdcard/fifo", "/sdcard/huge",
-          "/sdcard/missing"}) {
+    for (const char* path : {"/sdcard/Tellwick/config.json", "/sdcard/dir", "/sdcard/fifo",
+                             "/sdcard/huge", "/sdcard/missing"}) {
         std::string got;
         // A FIFO without a writer must not block the reader.
         ASSERT_TRUE(vigild::testing::finishesWithin([&] { got = readAll(fileReader(path)); },
@@ -232,10 +239,10 @@ TEST_F(UtilityTest, CopyFileIsByteExact) {
     p.writeFile("/sdcard/Tellwick/bugreport.zip", std::string(21 * 1024 * 1024, 'x'));
 
     EXPECT_TRUE(copyFile("/data/bugreport.zip", "/sdcard/Tellwick/bugreport.zip"));
-    EXPECT_TRUE(p.log().contains(
-        "copyFile::sourcePath == /data/bugreport.zip, destination path == "
-        "/sdcard/Tellwick/bugreport.zip",
-        kLogDebug));
+    EXPECT_TRUE(
+        p.log().contains("copyFile::sourcePath == /data/bugreport.zip, destination path == "
+                         "/sdcard/Tellwick/bugreport.zip",
+                         kLogDebug));
     EXPECT_TRUE(p.readFile("/sdcard/Tellwick/bugreport.zip") == data);
 
     p.writeFile("/data/empty", "");
@@ -261,8 +268,8 @@ TEST_F(UtilityTest, CopyFileRefusesBadSources) {
     for (const Case& c : cases) {
         p.log().clear();
         bool copied = true;
-        ASSERT_TRUE(vigild::testing::finishesWithin([&] { copied = copyFile(c.source, "/sdcard/out"); },
-                                                    std::chrono::seconds(10)));
+        ASSERT_TRUE(vigild::testing::finishesWithin(
+            [&] { copied = copyFile(c.source, "/sdcard/out"); }, std::chrono::seconds(10)));
         EXPECT_FALSE(copied) << c.source;
         EXPECT_TRUE(p.log().contains(
             std::string("Error: Could not open source file: error == ") + c.error + " ", kLogError))
@@ -319,13 +326,14 @@ TEST_F(UtilityTest, CopyFileReportsAShortCopy) {
     sigaction(SIGXFSZ, &old, nullptr);
 
     EXPECT_FALSE(copied);
-    EXPECT_TRUE(p.log().contains("Error: Could not copy file contents to: /sdcard/dest", kLogDebug));
+    EXPECT_TRUE(
+        p.log().contains("Error: Could not copy file contents to: /sdcard/dest", kLogDebug));
 }
 
 TEST_F(UtilityTest, MkdirAllCreatesEveryLevel) {
     EXPECT_EQ(mkdir_all("/sdcard/Tellwick/a/b/"), 0);
     EXPECT_TRUE(isDir("/sdcard/Tellwick/a/b"));
-    EXPECT_EQ(mkdir_all("/sdcard/Tellwick/a/b"), 0); // already there
+    EXPECT_EQ(mkdir_all("/sdcard/Tellwick/a/b"), 0);  // already there
     EXPECT_EQ(mkdir_all("/sdcard//Tellwick/./c"), 0);
     EXPECT_TRUE(isDir("/sdcard/Tellwick/c"));
     EXPECT_EQ(mkdir_all("/"), 0);
@@ -357,7 +365,7 @@ TEST_F(UtilityTest, MkdirAllFailures) {
     // One character less is a path mkdir itself may refuse, but mkdir_all tries it.
     errno = 0;
     EXPECT_EQ(mkdir_all(tooLong.substr(0, 4095).c_str()), -1);
-    EXPECT_EQ(errno, ENAMETOOLONG); // a single component of over 255 bytes
+    EXPECT_EQ(errno, ENAMETOOLONG);  // a single component of over 255 bytes
 }
 
 TEST_F(UtilityTest, MkdirAllDoesNotFollowLinksBelowTheStorageRoot) {
@@ -367,7 +375,7 @@ TEST_F(UtilityTest, MkdirAllDoesNotFollowLinksBelowTheStorageRoot) {
     EXPECT_EQ(mkdir_all("/sdcard/Tellwick/logs/"), -1);
     EXPECT_EQ(errno, ELOOP);
     errno = 0;
-    EXPECT_EQ(mkdir_all("/sdcard/Tellwick"), -1); // the link itself
+    EXPECT_EQ(mkdir_all("/sdcard/Tellwick"), -1);  // the link itself
     EXPECT_EQ(errno, ELOOP);
     EXPECT_TRUE(std::filesystem::is_empty(p.hostPath("/outside")));
 }
@@ -398,9 +406,9 @@ TEST_F(UtilityTest, RemoveAllResults) {
     EXPECT_EQ(remove_all("/sdcard/Tellwick/logs"), 0);
     EXPECT_FALSE(p.exists("/sdcard/Tellwick/logs"));
     EXPECT_TRUE(p.exists("/sdcard/Tellwick"));
-    for (const char* line : {"remove /sdcard/Tellwick/logs/a.txt", "remove /sdcard/Tellwick/logs/sub",
-                             "remove /sdcard/Tellwick/logs/sub/b.txt",
-                             "remove /sdcard/Tellwick/logs/empty"}) {
+    for (const char* line :
+         {"remove /sdcard/Tellwick/logs/a.txt", "remove /sdcard/Tellwick/logs/sub",
+          "remove /sdcard/Tellwick/logs/sub/b.txt", "remove /sdcard/Tellwick/logs/empty"}) {
         EXPECT_TRUE(p.log().contains(line, kLogDebug)) << line;
     }
     // A trailing "/" shows in the entry paths as a double one.

@@ -70,7 +70,7 @@ int copyDefault(char* value, const char* defaultValue) {
     return static_cast<int>(n);
 }
 
-} // namespace
+}  // namespace
 
 FileProperties::FileProperties(const DeviceRoot* root) : root_(root) {}
 
@@ -268,7 +268,7 @@ uint32_t getU32(const uint8_t* p) {
     return static_cast<uint32_t>(p[0]) | static_cast<uint32_t>(p[1]) << 8 |
            static_cast<uint32_t>(p[2]) << 16 | static_cast<uint32_t>(p[3]) << 24;
 }
-} // namespace
+}  // namespace
 
 int32_t SocketBinder::transact(uint32_t code, const std::vector<uint8_t>& data,
                                std::vector<uint8_t>* reply, uint32_t flags) {
@@ -323,7 +323,7 @@ ServiceManager* hostServiceManager() {
     return gBackend->services.get();
 }
 
-} // namespace
+}  // namespace
 
 void installForRoot(const std::string& root, double timeScale) {
     // Lives for the process: the threads that use it are never joined at exit.
@@ -370,4 +370,4 @@ bool installFromEnvironment(std::string* error) {
 
 FileProperties* hostProperties() { return gBackend ? gBackend->properties.get() : nullptr; }
 
-} // namespace vigild::platform::host
+}  // namespace vigild::platform::host
