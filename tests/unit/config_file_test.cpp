@@ -58,7 +58,7 @@ class FakeModule : public Module {
 const std::vector<std::string>& blobNames() {
     static const std::vector<std::string> names = [] {
         std::vector<std::string> n;
-        for (int i = 0; i < 120; i++) n.push_back("Blob " + std::to_string(i));
+        for (int i = 0; i < 2000; i++) n.push_back("Blob " + std::to_string(i));
         return n;
     }();
     return names;
@@ -113,9 +113,9 @@ class ConfigFileTest : public ::testing::Test {
         }
         return first;
     }
-    void makeBlobRegistry() {
+    void makeBlobRegistry(size_t count = 120) {
         addModule("BlobModule");
-        for (const std::string& name : blobNames()) addSetting(name.c_str(), "string", "d");
+        for (size_t i = 0; i < count; i++) addSetting(blobNames()[i].c_str(), "string", "d");
     }
     ino_t inode(const std::string& devicePath) {
         struct stat st = {};
@@ -439,9 +439,12 @@ TEST_F(ConfigFullDiskTest, AFullDiskLeavesALoadableFile) {
 }
 
 TEST_F(ConfigFileTest, AKillDuringASaveNeverLeavesATornConfiguration) {
-    makeBlobRegistry();
+    makeBlobRegistry(2000);
     p_.setProperty("persist.sys.vd.storage_path", "/sdcard/");
     p_.makeDir("/sdcard/Tellwick/");
+    // On a tmpfs the writes, not the syncs, take the time, so kills land inside them often.
+    const std::string folder = p_.hostPath("/sdcard/Tellwick");
+    bool mounted = mount("tmpfs", folder.c_str(), "tmpfs", 0, "size=16m") == 0;
     const std::string valueA(200, 'A');
     const std::string valueB(150, 'B');  // shorter: a torn rewrite would keep a tail of A
     const std::string documentA = documentOf(valueA);
@@ -449,10 +452,10 @@ TEST_F(ConfigFileTest, AKillDuringASaveNeverLeavesATornConfiguration) {
     saveFile(kConfigPath, documentA.c_str());
 
     std::mt19937 rng(12345);
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(8);
     int kills = 0;
     int copiesFound = 0;
-    for (; kills < 150 && std::chrono::steady_clock::now() < deadline; kills++) {
+    for (; kills < 60 && std::chrono::steady_clock::now() < deadline; kills++) {
         int progress[2];
         ASSERT_EQ(pipe(progress), 0);
         pid_t child = fork();
@@ -484,7 +487,9 @@ TEST_F(ConfigFileTest, AKillDuringASaveNeverLeavesATornConfiguration) {
             << "after kill " << kills << ": '" << loaded << "'";
         EXPECT_FALSE(p_.log().contains("config file load failed, load again"));
     }
-    EXPECT_GE(kills, 20);
+    if (mounted) umount2(folder.c_str(), MNT_DETACH);
+    EXPECT_GE(kills, 5);
+    RecordProperty("kills", kills);
     RecordProperty("copies_found", copiesFound);
 }
 
