@@ -66,10 +66,10 @@ std::string deviceRoot() {
 #endif
 }
 
-// Opens (creating) `fileName` in the device folder `devicePath`, walking from the device root
-// by directory descriptor: storage is user-writable, so no symlink is ever followed and no
-// ".." leaves the root.
-int openLogFile(const std::string& devicePath, const char* fileName, bool append) {
+// Opens (creating) the device folder `devicePath`, walking from the device root by directory
+// descriptor: storage is user-writable, so no symlink is ever followed and no ".." leaves the
+// root.
+int openLogFolder(const std::string& devicePath) {
     if (devicePath.empty() || devicePath[0] != '/') return -1;
     std::string root = deviceRoot();
     int dir = open(root.empty() ? "/" : root.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
@@ -91,6 +91,12 @@ int openLogFile(const std::string& devicePath, const char* fileName, bool append
         if (next < 0) return -1;
         dir = next;
     }
+    return dir;
+}
+
+int openLogFile(const std::string& devicePath, const char* fileName, bool append) {
+    int dir = openLogFolder(devicePath);
+    if (dir < 0) return -1;
     int flags = O_WRONLY | O_CREAT | O_NOFOLLOW | O_CLOEXEC | (append ? O_APPEND : O_TRUNC);
     int fd = openat(dir, fileName, flags, 0666);
     close(dir);
@@ -159,6 +165,9 @@ public:
         addStringSetting(settings, kLogPath, kDefaultLogPath);
         addStringSetting(settings, kCommand, kDefaultCommand);
         addConfigBoolean(settings, kAppend, const_cast<char*>("true"));
+        // The daemon moves a "Log Path" that does not exist to the top folder: make ours.
+        int dir = openLogFolder(kDefaultLogPath);
+        if (dir >= 0) close(dir);
         return 0;
     }
 
