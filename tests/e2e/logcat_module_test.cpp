@@ -1,0 +1,171 @@
+// The real lib_vd_logcat.so, loaded as the daemon loads it, writing under a temporary device
+// root (VIGILD_ROOT).
+#include <dlfcn.h>
+#include <gtest/gtest.h>
+#include <stdlib.h>
+
+#include <chrono>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <functional>
+#include <sstream>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "vigild/module.h"
+
+namespace {
+
+namespace fsys = std::filesystem;
+using namespace std::chrono_literals;
+
+bool eventually(const std::function<bool()>& condition, std::chrono::milliseconds timeout) {
+    auto deadline = std::chrono::steady_clock::now() + timeout;
+    while (!condition()) {
+        if (std::chrono::steady_clock::now() > deadline) return false;
+        std::this_thread::sleep_for(10ms);
+    }
+    return true;
+}
+
+class LogcatModuleTest : public ::testing::Test {
+protected:
+    static Module* module() {
+        static Module* m = [] {
+            std::string path = std::string(VIGILD_BINARY_DIR) + "/modules/logcat/lib_vd_logcat.so";
+            void* handle = dlopen(path.c_str(), RTLD_LAZY);
+            if (handle == nullptr) return static_cast<Module*>(nullptr);
+            auto entry = reinterpret_cast<getModuleFn>(dlsym(handle, "getModule"));
+            return entry != nullptr ? entry() : nullptr;
+        }();
+        return m;
+    }
+
+    void SetUp() override {
+        char tmpl[] = "/tmp/vdl.XXXXXX";
+        ASSERT_NE(mkdtemp(tmpl), nullptr);
+        root_ = tmpl;
+        setenv("VIGILD_ROOT", root_.c_str(), 1);
+        ASSERT_NE(module(), nullptr) << dlerror();
+        settings_.moduleName = module()->getName();
+        Module::config enable = {};
+        enable.name = "Enable Module";
+        enable.type = "boolean";
+        strcpy(enable.value, "true");
+        strcpy(enable.defaultValue, "true");
+        settings_.configs.push_back(enable);
+        module()->init(settings_);
+    }
+
+    void TearDown() override {
+        module()->stop();
+        std::error_code ec;
+        fsys::remove_all(root_, ec);
+    }
+
+    void set(const char* name, const char* value) {
+        for (Module::config& c : settings_.configs) {
+            if (strcmp(c.name, name) == 0) {
+                snprintf(c.value, sizeof(c.value), "%s", value);
+                return;
+            }
+        }
+        FAIL() << "no setting " << name;
+    }
+
+    std::string logText() const {
+        std::ifstream in(root_ + "/sdcard/Tellwick/logcat/logcat.log");
+        std::stringstream ss;
+        ss << in.rdbuf();
+        return ss.str();
+    }
+
+    std::string root_;
+    Module::moduleConfig settings_;
+};
+
+TEST_F(LogcatModuleTest, DeclaresItsSettingsAndPassesTheDaemonsVersionTest) {
+    EXPECT_STREQ(module()->getName(), "LogcatModule");
+    EXPECT_EQ(std::string(module()->getVersion()).find("14.0."), 0u);
+    EXPECT_EQ(module()->shouldLoad(), 0);
+    std::vector<std::string> names;
+    for (const Module::config& c : settings_.configs) names.push_back(c.name);
+    EXPECT_EQ(names, (std::vector<std::string>{"Enable Module", "Log Path", "Command",
+                                               "Append To Log"}));
+    EXPECT_STREQ(settings_.configs[1].type, "string");
+    EXPECT_STREQ(settings_.configs[1].value, "/sdcard/Tellwick/logcat/");
+    // The daemon keeps a "Log Path" only when its folder exists.
+    EXPECT_TRUE(fsys::is_directory(root_ + "/sdcard/Tellwick/logcat"));
+}
+
+TEST_F(LogcatModuleTest, ReportsEndOfStreamUntilRestarted) {
+    set("Command", "echo one; echo two");
+    ASSERT_EQ(module()->start(settings_), 0);
+    ASSERT_TRUE(eventually([&] { return module()->logcatEOFStatus() != 0; }, 5s));
+    EXPECT_EQ(logText(), "--- LogcatModule started ---\none\ntwo\n");
+
+    module()->prestop();
+    module()->stop();
+    EXPECT_EQ(module()->logcatEOFStatus(), 0);
+
+    set("Command", "echo three; exec sleep 30");
+    ASSERT_EQ(module()->start(settings_), 0);
+    ASSERT_TRUE(eventually([&] { return logText().find("three") != std::string::npos; }, 5s));
+    EXPECT_EQ(module()->logcatEOFStatus(), 0);
+    // Stop must not wait for the command to end on its own.
+    auto before = std::chrono::steady_clock::now();
+    module()->stop();
+    EXPECT_LT(std::chrono::steady_clock::now() - before, 5s);
+    EXPECT_EQ(module()->logcatEOFStatus(), 0);
+}
+
+TEST_F(LogcatModuleTest, AppendSettingDecidesWhetherEarlierLogsStay) {
+    set("Command", "echo run");
+    for (const char* append : {"true", "true", "false"}) {
+        set("Append To Log", append);
+        ASSERT_EQ(module()->start(settings_), 0);
+        ASSERT_TRUE(eventually([&] { return module()->logcatEOFStatus() != 0; }, 5s));
+        module()->stop();
+    }
+    EXPECT_EQ(logText(), "--- LogcatModule started ---\nrun\n");
+}
+
+TEST_F(LogcatModuleTest, StartAndStopFromTwoThreadsAtOnce) {
+    set("Command", "exec sleep 30");
+    std::vector<std::thread> threads;
+    for (int t = 0; t < 2; t++) {
+        threads.emplace_back([&] {
+            for (int i = 0; i < 20; i++) {
+                module()->start(settings_);
+                module()->logcatEOFStatus();
+                module()->stop();
+            }
+        });
+    }
+    for (std::thread& t : threads) t.join();
+    EXPECT_EQ(module()->logcatEOFStatus(), 0);
+    ASSERT_EQ(module()->start(settings_), 0);
+    module()->stop();
+}
+
+TEST_F(LogcatModuleTest, NeverWritesThroughALinkOrOutsideTheRoot) {
+    fsys::create_directories(root_ + "/outside");
+    fsys::create_directories(root_ + "/sdcard/Tellwick");
+    fsys::create_directory_symlink(root_ + "/outside", root_ + "/sdcard/Tellwick/linked");
+    set("Command", "echo leaked");
+    for (const char* path : {"/sdcard/Tellwick/linked/", "/sdcard/../outside/", "relative/"}) {
+        SCOPED_TRACE(path);
+        set("Log Path", path);
+        EXPECT_EQ(module()->start(settings_), -1);
+        EXPECT_TRUE(fsys::is_empty(root_ + "/outside"));
+    }
+
+    std::vector<std::string> errors;
+    module()->configVal(settings_, errors);
+    ASSERT_EQ(errors.size(), 2u);
+    EXPECT_EQ(errors[0], "Log Path");
+}
+
+} // namespace
