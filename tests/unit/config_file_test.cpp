@@ -439,7 +439,7 @@ TEST_F(ConfigFullDiskTest, AFullDiskLeavesALoadableFile) {
 }
 
 TEST_F(ConfigFileTest, AKillDuringASaveNeverLeavesATornConfiguration) {
-    makeBlobRegistry(2000);
+    makeBlobRegistry(800);
     p_.setProperty("persist.sys.vd.storage_path", "/sdcard/");
     p_.makeDir("/sdcard/Tellwick/");
     // On a tmpfs the writes, not the syncs, take the time, so kills land inside them often.
@@ -472,7 +472,7 @@ TEST_F(ConfigFileTest, AKillDuringASaveNeverLeavesATornConfiguration) {
         int saves = static_cast<int>(rng() % 3);
         char byte;
         for (int i = 0; i < saves; i++) ASSERT_EQ(read(progress[0], &byte, 1), 1);
-        auto until = std::chrono::steady_clock::now() + std::chrono::microseconds(rng() % 3000);
+        auto until = std::chrono::steady_clock::now() + std::chrono::microseconds(rng() % 500);
         while (std::chrono::steady_clock::now() < until) {
         }
         kill(child, SIGKILL);
