@@ -51,9 +51,12 @@ chmod +x "$ROOT/system/bin/bugreportz"
 svc_pid=""
 daemon_pid=""
 cleanup() {
-    [ -n "$daemon_pid" ] && kill -KILL "$daemon_pid" 2>/dev/null && wait "$daemon_pid" 2>/dev/null
-    [ -n "$svc_pid" ] && kill -TERM "$svc_pid" 2>/dev/null && wait "$svc_pid" 2>/dev/null
+    local status=$?
+    set +e
+    if [ -n "$daemon_pid" ]; then kill -KILL "$daemon_pid" 2>/dev/null; wait "$daemon_pid" 2>/dev/null; fi
+    if [ -n "$svc_pid" ]; then kill -TERM "$svc_pid" 2>/dev/null; wait "$svc_pid" 2>/dev/null; fi
     if [ "${KEEP_ROOT:-0}" = 1 ]; then echo "device root kept: $ROOT"; else rm -rf "$ROOT"; fi
+    exit "$status"
 }
 trap cleanup EXIT
 
