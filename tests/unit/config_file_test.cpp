@@ -317,25 +317,6 @@ TEST_F(ConfigServiceTest, LogPathsAreBroughtIntoTheStorageRoot) {
     }
 }
 
-TEST_F(ConfigServiceTest, AMissingFileIsCreatedAndSent) {
-    addModule("ANRModule");
-    p_.setProperty("persist.sys.vd.storage_path", "/sdcard/");
-    updateConfigDefault(false);
-    EXPECT_EQ(validateConfig(p_.readFile(kConfigPath).c_str()), 0);
-    ASSERT_EQ(service_->configs().size(), 1u);
-    EXPECT_EQ(service_->configs()[0], p_.readFile(kConfigPath));
-}
-
-TEST_F(ConfigServiceTest, LoadAppliesSendsAndKeepsNothingBack) {
-    makeBlobRegistry();
-    p_.setProperty("persist.sys.vd.storage_path", "/sdcard/");
-    p_.writeFile(kConfigPath, documentOf("loaded"));
-    EXPECT_EQ(loadConfigFile(kConfigPath), 1);
-    EXPECT_EQ(uniformValue(), "loaded");
-    ASSERT_FALSE(service_->configs().empty());
-    EXPECT_EQ(service_->configs().back(), p_.readFile(kConfigPath));
-}
-
 TEST_F(ConfigServiceTest, SecureModeCopiesTheFileOnlyWithTheUsersRight) {
     p_.setProperty("persist.sys.vd.storage_path", "/sdcard/");
     p_.makeDir("/sdcard/Tellwick/");
