@@ -6,6 +6,8 @@
 #include <algorithm>
 #include <cstdio>
 #include <cstring>
+#include <memory>
+#include <vector>
 
 #include "core/builtin_modules.h"
 #include "core/log.h"
@@ -16,6 +18,14 @@
 namespace {
 
 const char* orNull(const char* text) { return text != nullptr ? text : "(null)"; }
+
+// The built-in modules live for the process, like the library ones; kept here so they
+// stay owned (and reachable) whatever happens to the registry.
+Module* keepBuiltIn(std::unique_ptr<Module> module) {
+    static auto* builtIns = new std::vector<std::unique_ptr<Module>>;
+    builtIns->push_back(std::move(module));
+    return builtIns->back().get();
+}
 
 // Loads one library of the folder and registers its module when it passes every test.
 void tryLibrary(const char* folder, const char* fileName) {
@@ -73,7 +83,7 @@ bool isBaseVersion(const char* version) {
 }
 
 int buildModuleRegistry(const char* folder) {
-    moduleRegistry.emplace_back(new VigildModule);
+    moduleRegistry.emplace_back(keepBuiltIn(std::make_unique<VigildModule>()));
 
     DIR* dir = vigild::fs::opendir(folder);
     if (dir == nullptr) {
@@ -93,7 +103,7 @@ int buildModuleRegistry(const char* folder) {
                          return strcmp(a.settings.moduleName, b.settings.moduleName) < 0;
                      });
     // QuickTap goes last, after the sort, whatever the library modules are called.
-    moduleRegistry.emplace_back(new QuickTapModule);
+    moduleRegistry.emplace_back(keepBuiltIn(std::make_unique<QuickTapModule>()));
 
     Module::moduleConfig* lts = nullptr;
     for (modulePair& entry : moduleRegistry) {

@@ -106,12 +106,6 @@ TEST_F(DeviceReportTest, WithoutTheServiceItStillReachesTheStateStep) {
     EXPECT_FALSE(log.contains("getconfig:BEGIN"));
 }
 
-TEST_F(DeviceReportTest, DebugLinesNeedTheSwitch) {
-    sendInfo();
-    EXPECT_FALSE(p.log().contains("sendInfo:BEGIN"));
-    EXPECT_FALSE(p.log().contains("sendInfo:END"));
-}
-
 TEST_F(DeviceReportTest, ConcurrentSendsEachCarryAWholeDocument) {
     ASSERT_TRUE(service.start());
     char* expected = getConfig();

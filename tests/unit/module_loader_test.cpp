@@ -199,14 +199,4 @@ TEST_F(ModuleLoaderTest, AFolderThatCannotBeOpenedStopsAfterTheDaemonsOwnModule)
     EXPECT_EQ(moduleRegistry[0].settings.configs.size(), 1u);
 }
 
-TEST_F(ModuleLoaderTest, ReadsAnyFolderGiven) {
-    install({"lib_vd_alpha.so"});
-    p.makeDir("/vendor/lib64/");
-    std::filesystem::copy_file(std::string(VIGILD_TEST_MODULE_DIR) + "/lib_vd_beta.so",
-                               p.hostPath("/vendor/lib64/lib_vd_beta.so"));
-    EXPECT_EQ(buildModuleRegistry("/vendor/lib64/"), 0);
-    EXPECT_EQ(registryNames(),
-              (std::vector<std::string>{"Tellwick Settings", "A", "QuickTapModule"}));
-}
-
 }  // namespace
