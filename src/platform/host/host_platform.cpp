@@ -317,6 +317,8 @@ struct HostBackend {
 };
 
 HostBackend* gBackend = nullptr;
+// Every backend ever installed stays reachable: threads may still use a replaced one.
+std::vector<std::unique_ptr<HostBackend>>* gBackends = nullptr;
 
 ServiceManager* hostServiceManager() {
     if (gBackend == nullptr || !gBackend->services->exists()) return nullptr;
@@ -336,6 +338,8 @@ void installForRoot(const std::string& root, double timeScale) {
         std::make_unique<HostProcesses>(backend->root.get(), backend->properties.get());
     backend->loader = std::make_unique<HostLoader>(backend->root.get());
     backend->services = std::make_unique<SocketServiceManager>(backend->root.get());
+    if (gBackends == nullptr) gBackends = new std::vector<std::unique_ptr<HostBackend>>;
+    gBackends->emplace_back(backend);
     gBackend = backend;
     Platform p;
     p.properties = backend->properties.get();
