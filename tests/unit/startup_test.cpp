@@ -97,6 +97,13 @@ class BootTest : public ::testing::Test {
         // The monitor is the one thread bootDaemon leaves running.
         exitRequested = 1;
         if (threads.monitorEOF.joinable()) threads.monitorEOF.join();
+        freeBuiltins();
+    }
+    // The library folder is empty, so every module was made with new by start-up; the
+    // daemon keeps them for its life, a test gives them back.
+    static void freeBuiltins() {
+        for (modulePair& entry : moduleRegistry) delete entry.module;
+        moduleRegistry.clear();
     }
     int line(const std::string& text) { return p.log().indexOf(text); }
     bool hasPrefix(const std::string& prefix) {
@@ -162,7 +169,7 @@ TEST_F(BootTest, WithoutAutostartTheDaemonStaysStopped) {
         exitRequested = 1;
         fresh.monitorEOF.join();
         exitRequested = 0;
-        moduleRegistry.clear();
+        freeBuiltins();
 
         EXPECT_EQ(runState.load(), kStateStopped);
         EXPECT_FALSE(p.log().contains("start():BEGIN"));
