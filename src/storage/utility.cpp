@@ -303,6 +303,7 @@ int setprop(const char* key, const char* value) {
 }
 
 std::string ExecuteCommandToString(const char* command) {
+    if (command == nullptr) return std::string();
     FILE* stream = vigild::platform::current().processes->openShell(command);
     if (stream == nullptr) return std::string();
     std::vector<char> buffer(4096);
