@@ -430,15 +430,28 @@ bool copyFile(const std::string& source, const std::string& destination) {
     }
     if (parent.get() >= 0) {
         const char* name = dest.parts.back().c_str();
-        // Whatever stands at the destination (a link, a FIFO, a file with other names) is
-        // replaced by a new file rather than written through.
         struct stat existing;
-        if (::fstatat(parent.get(), name, &existing, AT_SYMLINK_NOFOLLOW) == 0 &&
-            !S_ISDIR(existing.st_mode)) {
-            ::unlinkat(parent.get(), name, 0);
+        if (::fstatat(parent.get(), name, &existing, AT_SYMLINK_NOFOLLOW) == 0) {
+            if (existing.st_dev == st.st_dev && existing.st_ino == st.st_ino) return true;
+            // A plain file keeps its inode, so a watch on it sees a write, not a replacement.
+            if (S_ISREG(existing.st_mode) && existing.st_nlink == 1) {
+                out.reset(::openat(parent.get(), name,
+                                   O_WRONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+                struct stat opened;
+                if (out.get() >= 0 &&
+                    (::fstat(out.get(), &opened) != 0 || opened.st_ino != existing.st_ino ||
+                     ::ftruncate(out.get(), 0) != 0)) {
+                    out.reset();
+                }
+            }
+            // Anything else (a link, a FIFO, a file with other names) is replaced by a new
+            // file rather than written through.
+            if (out.get() < 0 && !S_ISDIR(existing.st_mode)) ::unlinkat(parent.get(), name, 0);
         }
-        out.reset(::openat(parent.get(), name, O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC,
-                           0666));
+        if (out.get() < 0) {
+            out.reset(::openat(parent.get(), name,
+                               O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0666));
+        }
     }
     if (out.get() < 0) {
         LOGD("Error: Could not open destination file: error == %s ", strerror(errno));

@@ -309,6 +309,18 @@ TEST_F(UtilityTest, CopyFileNeverWritesThroughALink) {
     EXPECT_EQ(p.readFile("/data/src"), "new content");
 }
 
+TEST_F(UtilityTest, CopyFileKeepsThePlainDestinationsInode) {
+    // A watch on the active configuration file must see a write, not a replacement.
+    p.writeFile("/sdcard/Tellwick/quicktap/wifi/config.json", "{\"short\":1}");
+    p.writeFile("/sdcard/Tellwick/config.json", std::string(4096, 'x'));
+    struct stat before, after;
+    ASSERT_EQ(::stat(p.hostPath("/sdcard/Tellwick/config.json").c_str(), &before), 0);
+    EXPECT_TRUE(copyFile("/sdcard/Tellwick/quicktap/wifi/config.json", "/sdcard/Tellwick/config.json"));
+    ASSERT_EQ(::stat(p.hostPath("/sdcard/Tellwick/config.json").c_str(), &after), 0);
+    EXPECT_EQ(before.st_ino, after.st_ino);
+    EXPECT_EQ(p.readFile("/sdcard/Tellwick/config.json"), "{\"short\":1}");
+}
+
 TEST_F(UtilityTest, CopyFileReportsAShortCopy) {
     p.writeFile("/data/src", std::string(2 * 1024 * 1024, 'a'));
     p.makeDir("/sdcard");
