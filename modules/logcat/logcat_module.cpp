@@ -33,8 +33,7 @@ constexpr const char* kLogPath = "Log Path";
 constexpr const char* kCommand = "Command";
 constexpr const char* kAppend = "Append To Log";
 constexpr const char* kDefaultLogPath = "/sdcard/Tellwick/logcat/";
-constexpr const char* kDefaultCommand =
-    "for i in 1 2 3 4 5; do echo logcat line $i; sleep 1; done";
+constexpr const char* kDefaultCommand = "for i in 1 2 3 4 5; do echo logcat line $i; sleep 1; done";
 constexpr const char* kLogFileName = "logcat.log";
 
 const char* settingValue(const Module::moduleConfig& settings, const char* name,
@@ -138,8 +137,8 @@ pid_t spawnSource(const std::vector<std::string>& args, int* outputFd) {
     posix_spawnattr_setsigmask(&attr, &none);
     posix_spawnattr_setsigdefault(&attr, &defaults);
     posix_spawnattr_setpgroup(&attr, 0);
-    posix_spawnattr_setflags(&attr,
-                             POSIX_SPAWN_SETPGROUP | POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF);
+    posix_spawnattr_setflags(
+        &attr, POSIX_SPAWN_SETPGROUP | POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF);
 
     std::vector<char*> argv;
     for (const std::string& a : args) argv.push_back(const_cast<char*>(a.c_str()));
@@ -158,7 +157,7 @@ pid_t spawnSource(const std::vector<std::string>& args, int* outputFd) {
 }
 
 class LogcatModule : public Module {
-public:
+  public:
     int shouldLoad() override { return 0; }
 
     int init(moduleConfig& settings) override {
@@ -219,7 +218,7 @@ public:
 
     int logcatEOFStatus() override { return started_ && eof_ ? 1 : 0; }
 
-private:
+  private:
     void addStringSetting(moduleConfig& settings, const char* name, const char* value) {
         for (const config& c : settings.configs) {
             if (strcmp(c.name, name) == 0) return;
@@ -269,7 +268,7 @@ private:
     std::atomic<bool> stopping_{false};
 };
 
-} // namespace
+}  // namespace
 
 extern "C" Module* getModule() {
     // Lives for the whole process: the daemon never unloads a module.

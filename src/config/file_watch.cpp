@@ -68,7 +68,7 @@ std::string deployedConfigFile(const std::string& root) {
     return root + kConfigFileName;
 }
 
-} // namespace
+}  // namespace
 
 int addFileObserver(std::string& internalPath, std::string& externalPath, int& fd,
                     int& internalWatch, int& externalWatch) {
@@ -142,8 +142,7 @@ void watchConfigFileChange() {
                 sleepFor(kRearmPause);
                 removeWatch(fd, watches[0]);
                 removeWatch(fd, watches[1]);
-                if (addFileObserver(internalPath, externalPath, fd, watches[0], watches[1]) <
-                    0) {
+                if (addFileObserver(internalPath, externalPath, fd, watches[0], watches[1]) < 0) {
                     LOGE("watchConfigFileChange :: observer error ");
                 }
             }

@@ -74,7 +74,7 @@ std::string withSetting(const std::string& document, const char* module, const c
 }
 
 class DaemonE2ETest : public ::testing::Test {
-protected:
+  protected:
     void SetUp() override {
         char tmpl[] = "/tmp/vde.XXXXXX";
         ASSERT_NE(mkdtemp(tmpl), nullptr);
@@ -128,8 +128,7 @@ protected:
         posix_spawn_file_actions_init(&actions);
         posix_spawn_file_actions_addopen(&actions, STDERR_FILENO, logFile.c_str(),
                                          O_WRONLY | O_CREAT | O_APPEND, 0644);
-        ASSERT_EQ(posix_spawn(&daemon_, binary.c_str(), &actions, nullptr, argv, envp.data()),
-                  0);
+        ASSERT_EQ(posix_spawn(&daemon_, binary.c_str(), &actions, nullptr, argv, envp.data()), 0);
         posix_spawn_file_actions_destroy(&actions);
         ASSERT_TRUE(eventually([&] { return service_->waitingForCommand() > 0; }, kTimeout))
             << "the daemon never asked for a command";
@@ -193,16 +192,16 @@ TEST_F(DaemonE2ETest, ConfigSetRestartsOnlyTheChangedModule) {
                                        "tick $i; sleep 1; done");
     service_->queueConfig(document);
     service_->queueCommand("config_set:");
-    ASSERT_TRUE(eventually([&] { return read(kLogcatLog).find("tick 1") != std::string::npos; },
-                           kTimeout));
+    ASSERT_TRUE(
+        eventually([&] { return read(kLogcatLog).find("tick 1") != std::string::npos; }, kTimeout));
     EXPECT_EQ(logcatStarts(), 2);
     ASSERT_TRUE(waitForState(1));
     EXPECT_EQ(read(kConfigFile).find("tick $i") != std::string::npos, true);
 
     // A change to the daemon's own settings leaves the logcat module running.
     size_t statesBefore = service_->states().size();
-    service_->queueConfig(withSetting(document, "Tellwick Settings", "Enable notifications",
-                                      "false"));
+    service_->queueConfig(
+        withSetting(document, "Tellwick Settings", "Enable notifications", "false"));
     service_->queueCommand("config_set:");
     ASSERT_TRUE(eventually(
         [&] {
@@ -279,4 +278,4 @@ TEST_F(DaemonE2ETest, ServiceGoingAwayAndComingBack) {
     EXPECT_TRUE(daemonAlive());
 }
 
-} // namespace
+}  // namespace

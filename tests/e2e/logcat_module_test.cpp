@@ -31,7 +31,7 @@ bool eventually(const std::function<bool()>& condition, std::chrono::millisecond
 }
 
 class LogcatModuleTest : public ::testing::Test {
-protected:
+  protected:
     static Module* module() {
         static Module* m = [] {
             std::string path = std::string(VIGILD_BINARY_DIR) + "/modules/logcat/lib_vd_logcat.so";
@@ -92,8 +92,8 @@ TEST_F(LogcatModuleTest, DeclaresItsSettingsAndPassesTheDaemonsVersionTest) {
     EXPECT_EQ(module()->shouldLoad(), 0);
     std::vector<std::string> names;
     for (const Module::config& c : settings_.configs) names.push_back(c.name);
-    EXPECT_EQ(names, (std::vector<std::string>{"Enable Module", "Log Path", "Command",
-                                               "Append To Log"}));
+    EXPECT_EQ(names,
+              (std::vector<std::string>{"Enable Module", "Log Path", "Command", "Append To Log"}));
     EXPECT_STREQ(settings_.configs[1].type, "string");
     EXPECT_STREQ(settings_.configs[1].value, "/sdcard/Tellwick/logcat/");
     // The daemon keeps a "Log Path" only when its folder exists.
@@ -168,4 +168,4 @@ TEST_F(LogcatModuleTest, NeverWritesThroughALinkOrOutsideTheRoot) {
     EXPECT_EQ(errors[0], "Log Path");
 }
 
-} // namespace
+}  // namespace

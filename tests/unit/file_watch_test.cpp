@@ -35,12 +35,13 @@ using vigild::testing::TestPlatform;
 constexpr const char* kInternalFile = "/sdcard/Tellwick/config.json";
 constexpr const char* kCardRoot = "/storage/1A2B-3C4D/";
 constexpr const char* kCardFile = "/storage/1A2B-3C4D/Tellwick/config.json";
-constexpr const char* kReloadLine = "vigild::watchConfigFileChange::needs to reload the config file";
+constexpr const char* kReloadLine =
+    "vigild::watchConfigFileChange::needs to reload the config file";
 constexpr const char* kFlagLine = "vigild::moduleRestartNeeded::Tellwick folder deleted";
 
 // A library-like module with one int setting, counting its starts.
 class CountingModule : public Module {
-public:
+  public:
     int shouldLoad() override { return 0; }
     int init(moduleConfig& settings) override {
         addConfigInt(settings, "Level", const_cast<char*>("1"));
@@ -95,7 +96,7 @@ std::string levelInRegistry() {
 }
 
 class FileWatchTest : public ::testing::Test {
-protected:
+  protected:
     void SetUp() override {
         resetConfigValidationForTesting();
         resetConfigFileForTesting();
@@ -161,8 +162,8 @@ TEST_F(FileWatchTest, ObserverCreatesMissingInternalFileAndWatchesOnlyItWithoutC
     EXPECT_EQ(externalPath, "");
     EXPECT_GT(internalWatch, 0);
     EXPECT_EQ(externalWatch, 0);
-    EXPECT_TRUE(p.log().contains("addFileObserver::internal sdcard config file not present",
-                                 kLogInfo));
+    EXPECT_TRUE(
+        p.log().contains("addFileObserver::internal sdcard config file not present", kLogInfo));
     EXPECT_EQ(p.readFile(kInternalFile), currentConfig());
     close(fd);
 }
@@ -200,10 +201,10 @@ TEST_F(FileWatchTest, ObserverExternalWatchCases) {
         if (c.externalWatched) {
             EXPECT_EQ(p.readFile(kCardFile), currentConfig());
         }
-        EXPECT_EQ(p.log().contains(
-                      "addFileObserver :: watchfd[1] error  == No such file or directory ",
-                      kLogError),
-                  c.result < 0);
+        EXPECT_EQ(
+            p.log().contains("addFileObserver :: watchfd[1] error  == No such file or directory ",
+                             kLogError),
+            c.result < 0);
         close(fd);
     }
 }
@@ -338,4 +339,4 @@ TEST_F(FileWatchTest, FileAppearingDuringTheRecheckIsNotLoaded) {
     EXPECT_FALSE(p.log().contains("config - file not present"));
 }
 
-} // namespace
+}  // namespace
