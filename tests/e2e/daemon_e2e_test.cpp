@@ -182,21 +182,32 @@ TEST_F(DaemonE2ETest, ConfigSetRestartsOnlyTheChangedModule) {
     EXPECT_EQ(service_->versions().front(),
               (std::pair<std::string, std::string>("vigild", "14.0.15.19")));
 
+    // While stopped a change is only stored: a long command, so no end of stream interferes.
+    const char* longCommand =
+        "for i in 1 2 3 4 5 6 7 8 9 10 11 12 13 14 15; do echo tick $i; "
+        "sleep 1; done";
+    service_->queueConfig(withSetting(fetchConfig(), "LogcatModule", "Command", longCommand));
+    service_->queueCommand("config_set:");
+    ASSERT_TRUE(eventually([&] { return read(kConfigFile).find("tick $i") != std::string::npos; },
+                           kTimeout));
+    EXPECT_EQ(logcatStarts(), 0);
+
     service_->queueCommand("start:");
     ASSERT_TRUE(waitForState(1));
-    ASSERT_TRUE(eventually([&] { return logcatStarts() == 1; }, kTimeout));
+    ASSERT_TRUE(
+        eventually([&] { return read(kLogcatLog).find("tick 1") != std::string::npos; }, kTimeout));
+    EXPECT_EQ(logcatStarts(), 1);
 
     // A change to the logcat module's own command restarts it with the new command.
     std::string document = withSetting(fetchConfig(), "LogcatModule", "Command",
                                        "for i in 1 2 3 4 5 6 7 8 9 10 11 12 13 14 15; do echo "
-                                       "tick $i; sleep 1; done");
+                                       "tock $i; sleep 1; done");
     service_->queueConfig(document);
     service_->queueCommand("config_set:");
     ASSERT_TRUE(
-        eventually([&] { return read(kLogcatLog).find("tick 1") != std::string::npos; }, kTimeout));
+        eventually([&] { return read(kLogcatLog).find("tock 1") != std::string::npos; }, kTimeout));
     EXPECT_EQ(logcatStarts(), 2);
     ASSERT_TRUE(waitForState(1));
-    EXPECT_EQ(read(kConfigFile).find("tick $i") != std::string::npos, true);
 
     // A change to the daemon's own settings leaves the logcat module running.
     size_t statesBefore = service_->states().size();
