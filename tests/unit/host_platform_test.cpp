@@ -215,7 +215,7 @@ TEST(InstallFromEnvironmentTest, RefusesBadVariables) {
     } cases[] = {
         {nullptr, nullptr}, {"", nullptr},      {"relative/root", nullptr}, {"/tmp/r", "0"},
         {"/tmp/r", "-1"},   {"/tmp/r", "abc"},  {"/tmp/r", "1x"},           {"/tmp/r", "inf"},
-        {"/tmp/r", "nan"},  {"/tmp/r", "-0.5"},
+        {"/tmp/r", "nan"},  {"/tmp/r", "-0.5"}, {"/tmp/r", "0x1"},          {"/tmp/r", " 1"},
     };
     for (const Case& c : cases) {
         TestPlatform p;
@@ -401,5 +401,26 @@ TEST_F(HostPlatformTest, SocketTransportRefusesAnOversizeReply) {
     EXPECT_EQ(binder->transact(1, {0, 0, 0, 0}, &reply, 0), vigild::platform::host::kDeadObject);
     EXPECT_TRUE(reply.empty());
     // The connection is closed: later transactions fail at once.
+    EXPECT_EQ(binder->transact(1, {0, 0, 0, 0}, &reply, 0), vigild::platform::host::kDeadObject);
+}
+
+TEST_F(HostPlatformTest, SocketTransportClosesOnAnOversizeRequest) {
+    vigild::platform::host::SocketServiceManager services(&root);
+    FakeService service(p.root(), [](int fd) {
+        // Answers every request it gets with an empty success frame.
+        while (!readRequest(fd).empty()) {
+            std::vector<uint8_t> reply;
+            putU32(reply, 0);
+            putU32(reply, 0);
+            vigild::platform::host::writeAll(fd, reply.data(), reply.size());
+        }
+    });
+    auto binder = services.getService("com.tandril.vd.Ivd_service");
+    ASSERT_NE(binder, nullptr);
+    std::vector<uint8_t> reply = {1};
+    std::vector<uint8_t> big(vigild::platform::host::kMaxFrameSize + 1);
+    EXPECT_EQ(binder->transact(2, big, &reply, 0), vigild::platform::host::kDeadObject);
+    EXPECT_TRUE(reply.empty());
+    // The connection went with the frame: nothing more reaches the live service.
     EXPECT_EQ(binder->transact(1, {0, 0, 0, 0}, &reply, 0), vigild::platform::host::kDeadObject);
 }

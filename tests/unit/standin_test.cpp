@@ -80,7 +80,8 @@ TEST_F(StandinTest, DeviceQuestionsAreAnsweredFromTheSettings) {
         a.bluetoothConnected = 1;
         a.ambientLight = -5;
         a.wanSignalStrength = -97;
-        a.foregroundApplication[0] = "com.x";
+        // An even length: the second string must start right after the first's units.
+        a.foregroundApplication[0] = "com.xy";
         a.foregroundApplication[1] = "com.x.Main";
         a.serialNumber = "SN1";
         a.modelNumber = "M2";
@@ -107,7 +108,7 @@ TEST_F(StandinTest, DeviceQuestionsAreAnsweredFromTheSettings) {
     EXPECT_EQ(wan, -97);
     std::string apps[2];
     EXPECT_EQ(proxy->foregroundApplication(apps), 0);
-    EXPECT_EQ(apps[0], "com.x");
+    EXPECT_EQ(apps[0], "com.xy");
     EXPECT_EQ(apps[1], "com.x.Main");
 
     struct StringCase {

@@ -120,10 +120,30 @@ bool readWordString(Parcel& data, std::string* out) {
 }
 
 // The daemon keeps the low byte of each unit, so every byte travels as its own unit.
-void writeByteString16(Parcel& reply, const std::string& text) {
+std::u16string byteUnits(const std::string& text) {
     std::u16string units(text.size(), u'\0');
     for (size_t i = 0; i < text.size(); i++) units[i] = static_cast<unsigned char>(text[i]);
-    reply.writeString16(units);
+    return units;
+}
+
+// The reply of waitForResponse and receiveConfig: one String16.
+void writeByteString16(Parcel& reply, const std::string& text) {
+    reply.writeString16(byteUnits(text));
+}
+
+// The strings of the counted reply forms: the length and the units, padded, with no NUL unit.
+// The daemon consumes exactly the padded units, so a NUL unit after an even-length string
+// would be read as the next string's length.
+void writeCountedString(Parcel& reply, const std::string& text) {
+    const std::u16string units = byteUnits(text);
+    reply.writeInt32(static_cast<int32_t>(units.size()));
+    std::vector<uint8_t> bytes;
+    bytes.reserve(units.size() * 2);
+    for (char16_t unit : units) {
+        bytes.push_back(static_cast<uint8_t>(unit & 0xff));
+        bytes.push_back(static_cast<uint8_t>(unit >> 8));
+    }
+    reply.write(bytes.data(), bytes.size());
 }
 
 std::string quoted(const std::string& text) {
@@ -340,7 +360,7 @@ bool StandinService::Impl::handle(int fd, uint32_t code, std::vector<uint8_t> re
         reply->writeNoException();
         reply->writeInt32(0);  // status
         reply->writeInt32(1);  // count
-        writeByteString16(*reply, text);
+        writeCountedString(*reply, text);
         answer = quoted(text);
     };
     auto intOutReply = [&](int32_t value) {
@@ -387,8 +407,8 @@ bool StandinService::Impl::handle(int fd, uint32_t code, std::vector<uint8_t> re
             reply->writeNoException();
             reply->writeInt32(0);
             reply->writeInt32(2);
-            writeByteString16(*reply, a.foregroundApplication[0]);
-            writeByteString16(*reply, a.foregroundApplication[1]);
+            writeCountedString(*reply, a.foregroundApplication[0]);
+            writeCountedString(*reply, a.foregroundApplication[1]);
             answer = quoted(a.foregroundApplication[0]) + ", " + quoted(a.foregroundApplication[1]);
             break;
         case SERIAL_NUMBER:

@@ -274,7 +274,13 @@ int32_t SocketBinder::transact(uint32_t code, const std::vector<uint8_t>& data,
                                std::vector<uint8_t>* reply, uint32_t flags) {
     std::lock_guard<std::mutex> lock(mutex_);
     reply->clear();
-    if (fd_ < 0 || data.size() > kMaxFrameSize) return kDeadObject;
+    if (fd_ < 0) return kDeadObject;
+    // A frame over the limit ends the connection, on either side.
+    if (data.size() > kMaxFrameSize) {
+        ::close(fd_);
+        fd_ = -1;
+        return kDeadObject;
+    }
     std::vector<uint8_t> frame;
     frame.reserve(12 + data.size());
     putU32(frame, code);
@@ -363,7 +369,10 @@ bool installFromEnvironment(std::string* error) {
         char* end = nullptr;
         errno = 0;
         scale = strtod(s, &end);
-        if (errno != 0 || end == s || *end != '\0' || !std::isfinite(scale) || scale <= 0) {
+        // Decimal only: strtod would also take hexadecimal and leading blanks.
+        const bool decimal = strspn(s, "0123456789.eE+-") == strlen(s);
+        if (!decimal || errno != 0 || end == s || *end != '\0' || !std::isfinite(scale) ||
+            scale <= 0) {
             *error = std::string("vigild: VIGILD_TIME_SCALE must be a positive number, not ") + s;
             return false;
         }
