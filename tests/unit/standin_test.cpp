@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <climits>
+#include <mutex>
 #include <thread>
 
 #include "core/log.h"
@@ -160,6 +161,12 @@ TEST_F(StandinTest, GetStateFollowsTheLastStateUnlessOverridden) {
 }
 
 TEST_F(StandinTest, QueuedCommandsAndDocumentsReachTheDaemon) {
+    std::mutex traceMutex;
+    std::vector<std::string> trace;
+    service.setTrace([&](const std::string& line) {
+        std::lock_guard<std::mutex> lock(traceMutex);
+        trace.push_back(line);
+    });
     auto waiter = connect();
     ASSERT_NE(waiter, nullptr);
     std::string command;
@@ -181,6 +188,11 @@ TEST_F(StandinTest, QueuedCommandsAndDocumentsReachTheDaemon) {
     EXPECT_EQ(command, "config_set:");
     EXPECT_EQ(waiter->receiveConfig(), "{\"a\":1}");
     EXPECT_EQ(service.waitingForCommand(), 0);
+    // One decoded line per transaction; a taken command is shown as the answer only.
+    std::lock_guard<std::mutex> lock(traceMutex);
+    EXPECT_EQ(trace, (std::vector<std::string>{"sendState(1)", "receiveConfig() -> \"\"",
+                                               "waitForResponse() -> \"config_set:\"",
+                                               "receiveConfig() -> \"{\\\"a\\\":1}\""}));
 }
 
 TEST_F(StandinTest, StopReleasesABlockedWaiterAsADeadPeer) {

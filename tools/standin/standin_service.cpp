@@ -168,7 +168,9 @@ std::string quoted(const std::string& text) {
 std::string describe(const Record& record, const std::string& answer) {
     std::string line = record.method + "(";
     bool first = true;
-    for (const auto& s : record.strings) {
+    // The command a waiter took is its answer, not an argument.
+    const bool taken = record.code == WAIT_FOR_RESPONSE;
+    for (const auto& s : taken ? std::vector<std::string>() : record.strings) {
         line += (first ? "" : ", ") + quoted(s);
         first = false;
     }
