@@ -5,6 +5,7 @@
 // can be watched for real. The module runs inside the daemon's process: device paths are
 // mapped through VIGILD_ROOT on the host, exactly as the daemon maps its own.
 #include <fcntl.h>
+#include <poll.h>
 #include <signal.h>
 #include <spawn.h>
 #include <sys/stat.h>
@@ -39,9 +40,22 @@ constexpr const char* kLogFileName = "logcat.log";
 const char* settingValue(const Module::moduleConfig& settings, const char* name,
                          const char* fallback) {
     for (const Module::config& c : settings.configs) {
-        if (strcmp(c.name, name) == 0) return c.value;
+        if (c.name != nullptr && strcmp(c.name, name) == 0) return c.value;
     }
     return fallback;
+}
+
+// Logs go to shared storage only: the internal card or a removable one. Anything else
+// (a system folder, a relative path, "..") is refused, since the daemon runs privileged.
+bool isStoragePath(const std::string& path) {
+    return (path.rfind("/sdcard/", 0) == 0 || path.rfind("/storage/", 0) == 0) &&
+           path.find("..") == std::string::npos;
+}
+
+// How many leading components of a storage path belong to the system and may be links
+// (on a device "/sdcard" and "/storage/self" are links); everything below is user-writable.
+size_t systemComponents(const std::string& path) {
+    return path.rfind("/storage/", 0) == 0 ? 2 : 1;
 }
 
 // The program that produces the log stream. The only place that knows the platform.
@@ -66,13 +80,15 @@ std::string deviceRoot() {
 }
 
 // Opens (creating) the device folder `devicePath`, walking from the device root by directory
-// descriptor: storage is user-writable, so no symlink is ever followed and no ".." leaves the
-// root.
+// descriptor: below the storage root the folders are user-writable, so no symlink is
+// followed there and no ".." leaves the root.
 int openLogFolder(const std::string& devicePath) {
-    if (devicePath.empty() || devicePath[0] != '/') return -1;
+    if (!isStoragePath(devicePath)) return -1;
     std::string root = deviceRoot();
     int dir = open(root.empty() ? "/" : root.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
     if (dir < 0) return -1;
+    const size_t trusted = systemComponents(devicePath);
+    size_t depth = 0;
     size_t pos = 0;
     while (pos < devicePath.size()) {
         size_t end = devicePath.find('/', pos);
@@ -85,7 +101,8 @@ int openLogFolder(const std::string& devicePath) {
             return -1;
         }
         mkdirat(dir, part.c_str(), 0777);
-        int next = openat(dir, part.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
+        const int follow = depth++ < trusted ? 0 : O_NOFOLLOW;
+        int next = openat(dir, part.c_str(), O_RDONLY | O_DIRECTORY | follow | O_CLOEXEC);
         close(dir);
         if (next < 0) return -1;
         dir = next;
@@ -179,19 +196,30 @@ class LogcatModule : public Module {
         std::string folder = settingValue(settings, kLogPath, kDefaultLogPath);
         int logFd = openLogFile(folder, kLogFileName, append != 0);
         if (logFd < 0) return -1;
+        // The reader also waits on this pipe, so stop() never hangs on a stream that some
+        // escaped grandchild of the source keeps open.
+        int wake[2];
+        if (pipe2(wake, O_CLOEXEC | O_NONBLOCK) != 0) {
+            close(logFd);
+            return -1;
+        }
         int outputFd = -1;
         pid_t pid = spawnSource(logSource(settings), &outputFd);
         if (pid < 0) {
             close(logFd);
+            close(wake[0]);
+            close(wake[1]);
             return -1;
         }
         std::string header = std::string("--- ") + kName + " started ---\n";
         writeAll(logFd, header.data(), header.size());
         child_ = pid;
+        wake_[0] = wake[0];
+        wake_[1] = wake[1];
         eof_ = false;
         stopping_ = false;
         started_ = true;
-        reader_ = std::thread(&LogcatModule::copyStream, this, outputFd, logFd);
+        reader_ = std::thread(&LogcatModule::copyStream, this, outputFd, logFd, wake[0]);
         return 0;
     }
 
@@ -209,9 +237,11 @@ class LogcatModule : public Module {
 
     int configVal(moduleConfig& settings, std::vector<std::string>& errors) override {
         const char* path = settingValue(settings, kLogPath, kDefaultLogPath);
-        if (path[0] != '/' || strstr(path, "..") != nullptr) {
+        if (!isStoragePath(path)) {
             errors.emplace_back(kLogPath);
-            errors.emplace_back(std::string("Log Path must be an absolute path: ") + path);
+            errors.emplace_back(std::string("Log Path must be a folder under /sdcard/ or "
+                                            "/storage/: ") +
+                                path);
         }
         return 0;
     }
@@ -221,7 +251,7 @@ class LogcatModule : public Module {
   private:
     void addStringSetting(moduleConfig& settings, const char* name, const char* value) {
         for (const config& c : settings.configs) {
-            if (strcmp(c.name, name) == 0) return;
+            if (c.name != nullptr && strcmp(c.name, name) == 0) return;
         }
         config c = {};
         c.name = name;
@@ -231,15 +261,28 @@ class LogcatModule : public Module {
         settings.configs.push_back(c);
     }
 
-    // Reader thread: owns both descriptors and closes them when the stream ends.
-    void copyStream(int outputFd, int logFd) {
+    // Reader thread: closes the stream and the log file when the stream ends or stop() wakes
+    // it; what is already in the pipe at that moment is still copied.
+    void copyStream(int outputFd, int logFd, int wakeFd) {
         char buffer[4096];
+        bool draining = false;
         for (;;) {
+            struct pollfd fds[2] = {{outputFd, POLLIN, 0}, {wakeFd, POLLIN, 0}};
+            int ready = poll(fds, draining ? 1 : 2, draining ? 0 : -1);
+            if (ready < 0 && errno == EINTR) continue;
+            if (ready <= 0) break;
+            if (!draining && (fds[1].revents & (POLLIN | POLLHUP)) != 0) {
+                draining = true;
+                continue;
+            }
+            if ((fds[0].revents & (POLLIN | POLLHUP | POLLERR)) == 0) continue;
             ssize_t n = read(outputFd, buffer, sizeof(buffer));
             if (n < 0 && errno == EINTR) continue;
             if (n <= 0) break;
             writeAll(logFd, buffer, static_cast<size_t>(n));
         }
+        // The wake pipe stays open until stop(): writing to a pipe nobody reads would raise
+        // SIGPIPE in the daemon.
         close(outputFd);
         close(logFd);
         if (!stopping_) eof_ = true;
@@ -250,7 +293,16 @@ class LogcatModule : public Module {
     void stopLocked() {
         stopping_ = true;
         if (child_ > 0) kill(-child_, SIGKILL);
+        if (wake_[1] >= 0) {
+            const char byte = 0;
+            while (write(wake_[1], &byte, 1) < 0 && errno == EINTR) {
+            }
+        }
         if (reader_.joinable()) reader_.join();
+        for (int& fd : wake_) {
+            if (fd >= 0) close(fd);
+            fd = -1;
+        }
         if (child_ > 0) {
             while (waitpid(child_, nullptr, 0) < 0 && errno == EINTR) {
             }
@@ -263,6 +315,7 @@ class LogcatModule : public Module {
     std::mutex mutex_;
     std::thread reader_;
     pid_t child_ = -1;
+    int wake_[2] = {-1, -1};  // the reader's wake pipe
     std::atomic<bool> started_{false};
     std::atomic<bool> eof_{false};
     std::atomic<bool> stopping_{false};

@@ -58,6 +58,12 @@ void reactToChange() {
     }
 }
 
+// Module libraries fill these records themselves: a null name or type is possible.
+bool isEnableModuleSetting(const Module::config& setting) {
+    return setting.name != nullptr && setting.type != nullptr &&
+           strcmp(setting.name, "Enable Module") == 0 && strcmp(setting.type, "boolean") == 0;
+}
+
 void removeWatch(int fd, int& watch) {
     if (fd >= 0 && watch > 0) inotify_rm_watch(fd, watch);
 }
@@ -149,15 +155,16 @@ void watchConfigFileChange() {
         }
         // Running modules follow a changed file only when this read actually changed it.
         if (matched && runState == kStateRunning) {
-            for (modulePair& entry : moduleRegistry) {
-                for (const Module::config& setting : entry.settings.configs) {
-                    if (strcmp(setting.name, "Enable Module") != 0 ||
-                        strcmp(setting.type, "boolean") != 0) {
-                        continue;
+            {
+                // The command thread may be changing values under the lock right now.
+                std::lock_guard<std::mutex> lock(configMutex);
+                for (modulePair& entry : moduleRegistry) {
+                    for (const Module::config& setting : entry.settings.configs) {
+                        if (!isEnableModuleSetting(setting)) continue;
+                        LOGD("vigild::moduleRestartNeeded::Tellwick folder deleted");
+                        if (strcmp(setting.value, "true") == 0) entry.restartNeeded = 1;
+                        break;
                     }
-                    LOGD("vigild::moduleRestartNeeded::Tellwick folder deleted");
-                    if (strcmp(setting.value, "true") == 0) entry.restartNeeded = 1;
-                    break;
                 }
             }
             reactToChange();

@@ -2,6 +2,7 @@
 // root (VIGILD_ROOT).
 #include <dlfcn.h>
 #include <gtest/gtest.h>
+#include <signal.h>
 #include <stdlib.h>
 
 #include <chrono>
@@ -150,22 +151,66 @@ TEST_F(LogcatModuleTest, StartAndStopFromTwoThreadsAtOnce) {
     module()->stop();
 }
 
-TEST_F(LogcatModuleTest, NeverWritesThroughALinkOrOutsideTheRoot) {
+TEST_F(LogcatModuleTest, StopDoesNotWaitForAStreamAnEscapedChildKeepsOpen) {
+    // A grandchild in a session of its own escapes the kill of the source's group and keeps
+    // the pipe open.
+    set("Command", "setsid sleep 30 & echo $! > \"$VIGILD_ROOT/escaped.pid\"; echo up");
+    ASSERT_EQ(module()->start(settings_), 0);
+    ASSERT_TRUE(eventually([&] { return logText().find("up") != std::string::npos; }, 5s));
+    auto before = std::chrono::steady_clock::now();
+    module()->stop();
+    EXPECT_LT(std::chrono::steady_clock::now() - before, 5s);
+    std::ifstream pidFile(root_ + "/escaped.pid");
+    pid_t escaped = 0;
+    if (pidFile >> escaped && escaped > 0) kill(escaped, SIGKILL);
+}
+
+TEST_F(LogcatModuleTest, FollowsTheSystemsStorageLinkButNoLinkBelowIt) {
+    // As on a device, "/sdcard" is a link the system made to the real storage.
+    fsys::remove_all(root_ + "/sdcard");
+    fsys::create_directories(root_ + "/storage/emulated/0");
+    fsys::create_directory_symlink(root_ + "/storage/emulated/0", root_ + "/sdcard");
+    set("Command", "echo through");
+    ASSERT_EQ(module()->start(settings_), 0);
+    ASSERT_TRUE(eventually([&] { return module()->logcatEOFStatus() != 0; }, 5s));
+    module()->stop();
+    EXPECT_NE(logText().find("through"), std::string::npos);
+    EXPECT_TRUE(fsys::exists(root_ + "/storage/emulated/0/Tellwick/logcat/logcat.log"));
+}
+
+TEST_F(LogcatModuleTest, NeverWritesThroughALinkOrOutsideStorage) {
     fsys::create_directories(root_ + "/outside");
     fsys::create_directories(root_ + "/sdcard/Tellwick");
     fsys::create_directory_symlink(root_ + "/outside", root_ + "/sdcard/Tellwick/linked");
     set("Command", "echo leaked");
-    for (const char* path : {"/sdcard/Tellwick/linked/", "/sdcard/../outside/", "relative/"}) {
-        SCOPED_TRACE(path);
-        set("Log Path", path);
+    const struct {
+        const char* path;
+        bool refused;  // by configVal too
+    } rows[] = {
+        {"/sdcard/Tellwick/linked/", false},
+        {"/sdcard/../outside/", true},
+        {"relative/", true},
+        {"/outside/", true},
+        {"/storage/../outside/", true},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.path);
+        set("Log Path", row.path);
         EXPECT_EQ(module()->start(settings_), -1);
         EXPECT_TRUE(fsys::is_empty(root_ + "/outside"));
+        std::vector<std::string> errors;
+        module()->configVal(settings_, errors);
+        ASSERT_EQ(errors.size(), row.refused ? 2u : 0u);
+        if (row.refused) {
+            EXPECT_EQ(errors[0], "Log Path");
+        }
     }
-
-    std::vector<std::string> errors;
-    module()->configVal(settings_, errors);
-    ASSERT_EQ(errors.size(), 2u);
-    EXPECT_EQ(errors[0], "Log Path");
+    for (const char* path : {"/sdcard/Tellwick/logcat/", "/storage/1A2B-3C4D/Tellwick/"}) {
+        set("Log Path", path);
+        std::vector<std::string> errors;
+        module()->configVal(settings_, errors);
+        EXPECT_TRUE(errors.empty()) << path;
+    }
 }
 
 }  // namespace
