@@ -11,6 +11,7 @@
 #include "core/log.h"
 #include "core/module_registry.h"
 #include "fakes/test_platform.h"
+#include "standin/standin_service.h"
 
 using vigild::testing::TestPlatform;
 
@@ -188,6 +189,31 @@ TEST_F(DocumentTest, SendConfigWithoutServiceBuildsNothing) {
     EXPECT_TRUE(configMutex.try_lock());
     configMutex.unlock();
     decrefJson();  // nothing is left to release, and it is safe to call at any time
+}
+
+TEST_F(DocumentTest, SendConfigSendsTheDocumentInForceAndReleasesTheLock) {
+    vdstandin::StandinService service(p.root());
+    ASSERT_TRUE(service.start());
+    p.setProperty("persist.sys.vd.storage_path", "/sdcard/");
+    p.makeDir("/sdcard/Tellwick/");
+    p.enableDebugLog();
+    // Moved by the path check while the document is built: the service gets the moved value.
+    add("ANRModule", {setting("Log Path", "string", "/data/anr/")});
+    add("Net", {setting("Level", "list", "1", {"low", "high"})});
+
+    sendConfig();
+    sendConfig();
+
+    const std::string inForce = document();
+    EXPECT_NE(inForce.find("\"value\": \"/sdcard/Tellwick/anr/\""), std::string::npos);
+    EXPECT_EQ(service.configs(), (std::vector<std::string>{inForce, inForce}));
+    const int begin = p.log().indexOf("sendConfig():BEGIN");
+    ASSERT_GE(begin, 0);
+    const int built = p.log().indexOf("getconfig before return", begin);
+    EXPECT_GT(built, begin);
+    EXPECT_GT(p.log().indexOf("sendConfig():END", built), built);
+    EXPECT_TRUE(configMutex.try_lock());
+    configMutex.unlock();
 }
 
 }  // namespace
