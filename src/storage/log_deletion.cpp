@@ -12,6 +12,7 @@
 #include <regex>
 #include <set>
 #include <utility>
+#include <vector>
 
 #include "config/config_file.h"
 #include "config/document.h"
@@ -28,19 +29,75 @@ constexpr const char* kInternalRoot = "/sdcard/";
 // Log trees are a few levels deep; anything deeper is not ours and is left alone.
 constexpr int kMaxWalkDepth = 256;
 constexpr int kOpenDirFlags = O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
+// Entry paths are formed "%s/%s" in a buffer of this size; their log lines are cut the same
+// way (the removal itself works on the entry, never on the cut text).
+constexpr int kEntryPathSize = 1035;
 
-// "/sdcard/Tellwick/" -> "/sdcard/Tellwick", so O_NOFOLLOW and lstat see the last component
-// itself: a trailing "/" would make the kernel follow a link there.
-std::string withoutTrailingSlash(std::string path) {
-    while (path.size() > 1 && path.back() == '/') path.pop_back();
-    return path;
+// The components of a device path; false when one of them is "..".
+bool splitDevicePath(const std::string& path, std::vector<std::string>& parts) {
+    parts.clear();
+    size_t pos = 0;
+    while (pos < path.size()) {
+        size_t next = path.find('/', pos);
+        if (next == std::string::npos) next = path.size();
+        std::string part = path.substr(pos, next - pos);
+        if (part == "..") return false;
+        if (!part.empty() && part != ".") parts.push_back(std::move(part));
+        pos = next + 1;
+    }
+    return true;
 }
 
-// A directory, and not a link to one.
+// "/sdcard", "/storage" and a card's folder may be links the system made; everything below
+// them is user-writable and never followed.
+bool isTrustedComponent(const std::vector<std::string>& parts, size_t index) {
+    if (index == 0) return parts[0] == "sdcard" || parts[0] == "storage";
+    return index == 1 && parts[0] == "storage";
+}
+
+// The directory made of the first `count` components, opened one component at a time from
+// the device's "/", so a link planted anywhere along a log path is never followed. -1 on
+// failure.
+int openComponents(const std::vector<std::string>& parts, size_t count) {
+    int dir = vigild::fs::open("/", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    for (size_t i = 0; i < count && dir >= 0; i++) {
+        int flags = kOpenDirFlags;
+        if (isTrustedComponent(parts, i)) flags &= ~O_NOFOLLOW;
+        int next = ::openat(dir, parts[i].c_str(), flags);
+        ::close(dir);
+        dir = next;
+    }
+    return dir;
+}
+
+// The folder holding a device path's last component, and that component.
+struct Parent {
+    int fd = -1;
+    std::string name;
+    bool trusted = false;
+
+    explicit Parent(const std::string& devicePath) {
+        std::vector<std::string> parts;
+        if (!splitDevicePath(devicePath, parts) || parts.empty()) return;
+        fd = openComponents(parts, parts.size() - 1);
+        name = parts.back();
+        trusted = isTrustedComponent(parts, parts.size() - 1);
+    }
+    ~Parent() {
+        if (fd >= 0) ::close(fd);
+    }
+    Parent(const Parent&) = delete;
+    Parent& operator=(const Parent&) = delete;
+
+    bool lstat(struct stat& st) const {
+        return fd >= 0 && ::fstatat(fd, name.c_str(), &st, AT_SYMLINK_NOFOLLOW) == 0;
+    }
+};
+
+// A directory reached without passing through a link.
 bool isRealDirectory(const std::string& devicePath) {
     struct stat st;
-    return vigild::fs::lstat(withoutTrailingSlash(devicePath).c_str(), &st) == 0 &&
-           S_ISDIR(st.st_mode);
+    return Parent(devicePath).lstat(st) && S_ISDIR(st.st_mode);
 }
 
 enum class EntryKind { kDirectory, kOther, kGone };
@@ -50,7 +107,9 @@ enum class EntryKind { kDirectory, kOther, kGone };
 class Dir {
   public:
     static Dir openTop(const std::string& devicePath) {
-        return Dir(vigild::fs::open(withoutTrailingSlash(devicePath).c_str(), kOpenDirFlags));
+        std::vector<std::string> parts;
+        if (!splitDevicePath(devicePath, parts)) return Dir(-1);
+        return Dir(openComponents(parts, parts.size()));
     }
     Dir openChild(const char* name) const { return Dir(::openat(fd(), name, kOpenDirFlags)); }
 
@@ -100,16 +159,13 @@ class Dir {
     DIR* dir_ = nullptr;
 };
 
-// remove() of a top folder given by path, without following a link in its last component.
+// remove() of a top folder given by path, never through a link on the way to it; a storage
+// root itself is never removed.
 void removeTop(const std::string& devicePath) {
-    std::string path = withoutTrailingSlash(devicePath);
+    Parent parent(devicePath);
     struct stat st;
-    if (vigild::fs::lstat(path.c_str(), &st) != 0) return;
-    if (S_ISDIR(st.st_mode)) {
-        vigild::fs::rmdir(path.c_str());
-    } else {
-        vigild::fs::unlink(path.c_str());
-    }
+    if (parent.trusted || !parent.lstat(st)) return;
+    ::unlinkat(parent.fd, parent.name.c_str(), S_ISDIR(st.st_mode) ? AT_REMOVEDIR : 0);
 }
 
 // One level of deleteLogFilesUnsecure; `folder` is the device path, for log lines and the
@@ -124,10 +180,10 @@ int deleteUnsecureLevel(Dir& dir, const std::string& folder, int type, int depth
     while (dir.next(name, kind)) {
         if (kind == EntryKind::kGone) continue;
         std::string full = folder + "/" + name;
-        LOGD("remove %s", full.c_str());
+        LOGD("remove %.*s", kEntryPathSize - 1, full.c_str());
         if (kind == EntryKind::kDirectory) {
-            LOGD("deleteLogFilesUnsecure::Start::path = %s, deleteLogType== %d", full.c_str(),
-                 type);
+            LOGD("deleteLogFilesUnsecure::Start::path = %.*s, deleteLogType== %d",
+                 kEntryPathSize - 1, full.c_str(), type);
             Dir child = dir.openChild(name.c_str());
             if (!child.ok()) {
                 // Not a directory any more (swapped for a file or a link): remove what is there.
@@ -238,7 +294,7 @@ int deleteLogFilesSecure(const std::string& root, int type) {
     LOGD("deleteSecureBackup::Start::path = %s", root.c_str());
     std::string secureFolder = root + kSecureLogFolder;
     if (isRealDirectory(secureFolder) && type != 2) {
-        remove_all(withoutTrailingSlash(secureFolder).c_str());
+        remove_all(secureFolder.c_str());
     }
     std::string tellwick = root + kTellwickFolder;
     if (isRealDirectory(tellwick) && (type == 0 || type == 2)) deleteSecureBackup(tellwick);
@@ -264,7 +320,7 @@ int deleteSecureBackup(const std::string& folder) {
     while (dir.next(name, kind)) {
         if (kind == EntryKind::kGone) continue;
         std::string full = folder + "/" + name;
-        LOGD("deleteSecureBackup::remove = %s", full.c_str());
+        LOGD("deleteSecureBackup::remove = %.*s", kEntryPathSize - 1, full.c_str());
         if (full == keptInfo || full == keptConfig) continue;
         if (full.rfind(secureBackup, 0) == 0) result += dir.removeEntry(name, kind);
     }
@@ -304,10 +360,10 @@ void removeSecureLogs(std::string root) {
     const std::string secondCopy = root;
     // Extended in place, as in removeUnsecureLogs: the internal secure folder always goes.
     root.append(kSecureLogFolder);
-    if (isRealDirectory(root)) remove_all(withoutTrailingSlash(root).c_str());
+    if (isRealDirectory(root)) remove_all(root.c_str());
     if (root != kInternalRoot) {
         std::string internal = std::string(kInternalRoot) + kSecureLogFolder;
-        if (isRealDirectory(internal)) remove_all(withoutTrailingSlash(internal).c_str());
+        if (isRealDirectory(internal)) remove_all(internal.c_str());
     }
 
     std::string tellwick = firstCopy + kTellwickFolder;
@@ -346,7 +402,9 @@ void resetToDefault() {
         std::lock_guard<std::mutex> lock(configMutex);
         for (modulePair& pair : moduleRegistry) {
             for (Module::config& setting : pair.settings.configs) {
-                snprintf(setting.value, sizeof(setting.value), "%s", setting.defaultValue);
+                // A module's own default may fill its buffer without a terminator.
+                snprintf(setting.value, sizeof(setting.value), "%.*s",
+                         static_cast<int>(sizeof(setting.defaultValue) - 1), setting.defaultValue);
             }
         }
     }

@@ -147,6 +147,64 @@ TEST_F(LogDeletionTest, LinkAsTopFolderIsNotWalked) {
     EXPECT_EQ(p.readFile("/outside/dir/SecureBackup1.zip"), "keep");
 }
 
+TEST_F(LogDeletionTest, LinkOnTheWayToTheTopFolderIsNotFollowed) {
+    const std::string outside = "/outside/";
+    p.writeFile(outside + "Tellwick/log.txt", "keep");
+    p.writeFile(outside + "Tellwick/SecureBackup1.zip", "keep");
+    p.writeFile(outside + kSecure + "a.log", "keep");
+    p.makeDir("/sdcard");
+    link("/outside", "/sdcard/x");
+
+    EXPECT_EQ(deleteLogFilesUnsecure("/sdcard/x/Tellwick/", 0), -1);
+    EXPECT_EQ(deleteSecureBackup("/sdcard/x/Tellwick/"), -1);
+    EXPECT_EQ(deleteUnsecureLogData("/sdcard/x/Tellwick/"), -1);
+    deleteLogFilesSecure("/sdcard/x/", 0);
+    removeSecureLogs("/sdcard/x/");
+    removeUnsecureLogs("/sdcard/x/");
+    for (const char* file : {"Tellwick/log.txt", "Tellwick/SecureBackup1.zip"}) {
+        EXPECT_EQ(p.readFile(outside + file), "keep") << file;
+    }
+    EXPECT_EQ(p.readFile(outside + kSecure + "a.log"), "keep");
+    EXPECT_TRUE(isLink("/sdcard/x"));
+}
+
+TEST_F(LogDeletionTest, LogLinesNameEntriesAsFormed) {
+    p.writeFile("/sdcard/Tellwick/sub/a.log", "x");
+    deleteLogFilesUnsecure("/sdcard/Tellwick/", 0);
+    const char* const walk[] = {
+        "deleteLogFilesUnsecure::Start::path = /sdcard/Tellwick/, deleteLogType== 0",
+        "remove /sdcard/Tellwick//sub",
+        "deleteLogFilesUnsecure::Start::path = /sdcard/Tellwick//sub, deleteLogType== 0",
+        "remove /sdcard/Tellwick//sub/a.log",
+        "deleteSecureBackup::End",
+        "deleteSecureBackup::End",
+    };
+    int at = -1;
+    for (const char* line : walk) {
+        at = p.log().indexOf(line, at + 1);
+        ASSERT_GE(at, 0) << line;
+    }
+
+    // The other layout's folder is emptied with the path as the root gave it.
+    p.log().clear();
+    p.writeFile("/sdcard/" + kSecure + "a.log", "x");
+    p.writeFile("/sdcard/Tellwick/SecureBackup1.zip", "x");
+    deleteLogFilesSecure("/sdcard/", 0);
+    EXPECT_TRUE(p.log().contains("remove /sdcard/" + kSecure + "/a.log"));
+    EXPECT_TRUE(
+        p.log().contains("deleteSecureBackup::remove = /sdcard/Tellwick//SecureBackup1.zip"));
+
+    // Entry paths are cut where their buffer ends.
+    std::string longPath = "/sdcard/Tellwick/";
+    for (int i = 0; i < 6; i++) longPath += std::string(200, 'a' + i) + "/";
+    p.writeFile(longPath + "f.log", "x");
+    p.log().clear();
+    deleteLogFilesUnsecure("/sdcard/Tellwick/", 0);
+    EXPECT_FALSE(p.exists("/sdcard/Tellwick"));
+    const std::string full = "/sdcard/Tellwick//" + longPath.substr(17) + "f.log";
+    EXPECT_TRUE(p.log().contains("remove " + full.substr(0, 1034)));
+}
+
 TEST_F(LogDeletionTest, LinksInsideTheOtherLayoutAreNotFollowed) {
     p.writeFile("/outside/dir/precious.txt", "keep");
     p.writeFile("/sdcard/" + kSecure + "a.log", "x");
