@@ -87,9 +87,13 @@ Rewrite rewriteInPlace(const char* path, const char* text, size_t size) {
     return ok ? Rewrite::kDone : Rewrite::kTorn;
 }
 
+// A module may leave a name or type null; it reads as empty, as in the document.
+const char* orEmpty(const char* value) { return value != nullptr ? value : ""; }
+
 bool isPathSetting(const Module::config& c) {
-    return (strcasecmp(c.name, "Log Path") == 0 || strcasecmp(c.name, "Storage Directory") == 0) &&
-           strcasecmp(c.type, "string") == 0;
+    const char* name = orEmpty(c.name);
+    return (strcasecmp(name, "Log Path") == 0 || strcasecmp(name, "Storage Directory") == 0) &&
+           strcasecmp(orEmpty(c.type), "string") == 0;
 }
 
 void copyValue(char (&dst)[VD_CONFIG_VALUE_SIZE], const std::string& src) {
@@ -178,6 +182,9 @@ void saveFile(const char* path, const char* text) {
 }
 
 std::string takeLeftConfigCopy(const char* path) {
+    // Every save runs under configMutex: without it a save on another thread would see its
+    // copy taken away half-way.
+    std::lock_guard<std::mutex> lock(configMutex);
     const std::string copy = std::string(path) + kCopySuffix;
     vigild::fs::unlink((std::string(path) + kPartialSuffix).c_str());
     struct stat st;
@@ -220,6 +227,7 @@ void resetAndUpdateConfig() {
 
 int loadConfigFile(const char* path) {
     LOGD("loadConfigFile :BEGIN");
+    if (path == nullptr) return 0;
     LOGD("trying to load config file: %s", path);
     std::string source = takeLeftConfigCopy(path);
     if (!isFileExistsExtSDcard(source)) {
@@ -255,9 +263,10 @@ void updateConfigDefault(bool force) {
     for (modulePair& entry : moduleRegistry) {
         const char* moduleName = entry.module->getName();
         for (Module::config& c : entry.settings.configs) {
-            if (strcasecmp(c.name, "Persist logpath") == 0 ||
-                strcasecmp(c.name, "Persist Boot log filename") == 0) {
-                bool bootLog = strcasecmp(c.name, "Persist Boot log filename") == 0;
+            const char* name = orEmpty(c.name);
+            if (strcasecmp(name, "Persist logpath") == 0 ||
+                strcasecmp(name, "Persist Boot log filename") == 0) {
+                bool bootLog = strcasecmp(name, "Persist Boot log filename") == 0;
                 copyValue(c.value, persistLogPathUpdate(bootLog, c.value, root));
                 continue;
             }

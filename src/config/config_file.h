@@ -8,10 +8,10 @@
 extern std::atomic<bool> restartAfterPathChange;
 
 // Writes `text` to `path` without losing the last good file to a kill or a full disk; the
-// file keeps its inode. A null text writes nothing.
+// file keeps its inode. A null text writes nothing. Callers hold configMutex.
 void saveFile(const char* path, const char* text);
-// Puts back the copy an interrupted saveFile left beside `path`. Returns the file to read:
-// `path`, or the copy itself when it could not be put back (a full disk, say).
+// Puts back the copy an interrupted saveFile left beside `path`; takes configMutex itself.
+// Returns the file to read: `path`, or the copy when it could not be put back (a full disk).
 std::string takeLeftConfigCopy(const char* path);
 // 0 when the file is absent, 1 after a full apply, otherwise makeUpdateConfig's result.
 int loadConfigFile(const char* path);

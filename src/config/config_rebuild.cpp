@@ -34,6 +34,9 @@ const char* stringMember(const json_t* object, const char* key) {
     return json_string_value(json_object_get(object, key));
 }
 
+// A module may leave a name or type null; it reads as empty, as in the document.
+const char* orEmpty(const char* value) { return value != nullptr ? value : ""; }
+
 // atoi without its undefined overflow: out-of-range numbers are clamped.
 int toInt(const char* text) {
     const char* p = text;
@@ -64,6 +67,7 @@ int durationIndexOfTimer(int timer, const Module::config& setting) {
 }
 
 bool isPathSettingName(const char* name) {
+    name = orEmpty(name);
     return strcasecmp(name, "Log Path") == 0 || strcasecmp(name, "Storage Directory") == 0;
 }
 
@@ -73,7 +77,7 @@ class Rebuild {
 
     // Applies one matching entry's value to the setting.
     void apply(modulePair& entry, Module::config& setting, std::string value) {
-        const char* moduleName = entry.module->getName();
+        const char* moduleName = orEmpty(entry.module->getName());
         if (value.find("/storage/sdcard1/") != std::string::npos ||
             (!isTellwickSecureModeEnabled() &&
              value.find("Tellwick/secure/log_data/") != std::string::npos)) {
@@ -81,7 +85,7 @@ class Rebuild {
         }
         if (value != setting.value) {
             entry.restartNeeded = 1;
-            if (strcasecmp(setting.name, "Enable internal sdcard only") == 0) {
+            if (strcasecmp(orEmpty(setting.name), "Enable internal sdcard only") == 0) {
                 // The property wins over the file.
                 value = isInternalSDcardEnabledLogging() ? "true" : "false";
             }
@@ -102,10 +106,11 @@ class Rebuild {
     }
 
     void applyQuickTap(Module::config& setting, std::string value) {
-        if (strstr(setting.name, "Enable Module") != nullptr) {
+        const char* name = orEmpty(setting.name);
+        if (strstr(name, "Enable Module") != nullptr) {
             copyValue(setting, value);
             setprop("persist.sys.vd.quick_tap", value == "true" ? "true" : "false");
-        } else if (strstr(setting.name, "Select Module") != nullptr) {
+        } else if (strstr(name, "Select Module") != nullptr) {
             int number = toInt(value.c_str());
             // Always in range as the test is written; kept so.
             if (!isNumberInRange(number, 0, 22)) {
@@ -118,7 +123,7 @@ class Rebuild {
             }
             copyValue(setting, value);
             quickTapProp_ += returnQuickTapModuleKey(toInt(setting.value));
-        } else if (strstr(setting.name, "Log Duration (sec)") != nullptr) {
+        } else if (strstr(name, "Log Duration (sec)") != nullptr) {
             int duration = toInt(value.c_str());
             if (!isNumberInRange(duration, 0, 5)) {
                 value = "0";
@@ -158,8 +163,9 @@ int makeUpdateConfig(const char* text) {
             LOGI("no module key found with name: %s", moduleName);
             continue;
         }
+        // Settings that are not an array hold no entries: each setting is then "not found".
         const json_t* settings = json_object_get(module, "settings");
-        if (!json_is_array(settings)) {
+        if (settings == nullptr) {
             LOGD("no key found with name: %s", moduleName);
             rebuild.result = -1;
             continue;
@@ -171,16 +177,14 @@ int makeUpdateConfig(const char* text) {
                 const char* type = stringMember(received, "type");
                 if (type == nullptr) continue;
                 const char* name = stringMember(received, "name");
-                if (name == nullptr) {
-                    LOGD("makeUpdateConfig :END");
-                    return -1;
+                // A nameless entry makes the whole file suspect: the call ends here.
+                if (name == nullptr) return -1;
+                if (strcmp(name, orEmpty(setting.name)) != 0 ||
+                    strcmp(type, orEmpty(setting.type)) != 0) {
+                    continue;
                 }
-                if (strcmp(name, setting.name) != 0 || strcmp(type, setting.type) != 0) continue;
                 const char* value = stringMember(received, "value");
-                if (value == nullptr) {
-                    LOGD("makeUpdateConfig :END");
-                    return -1;
-                }
+                if (value == nullptr) return -1;
                 found = true;
                 rebuild.apply(entry, setting, value);
             }

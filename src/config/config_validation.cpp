@@ -39,6 +39,9 @@ const char* stringMember(const json_t* object, const char* key) {
     return json_string_value(json_object_get(object, key));
 }
 
+// A module may leave a name or type null; it reads as empty, as in the document.
+const char* orEmpty(const char* value) { return value != nullptr ? value : ""; }
+
 // Copies into a setting's fixed buffer, cutting what does not fit.
 void copyValue(char (&dst)[VD_CONFIG_VALUE_SIZE], const char* src) {
     snprintf(dst, sizeof(dst), "%s", src);
@@ -80,12 +83,12 @@ bool fitsType(const char* type, const char* value) {
 // One setting at the same position in both; false after its error line.
 bool validateSetting(const Module::config& expected, const json_t* received) {
     const char* name = stringMember(received, "name");
-    if (name == nullptr || strcmp(name, expected.name) != 0) {
-        LOGE("Error setting name was not the same %s %s", name ? name : "", expected.name);
+    if (name == nullptr || strcmp(name, orEmpty(expected.name)) != 0) {
+        LOGE("Error setting name was not the same %s %s", orEmpty(name), orEmpty(expected.name));
         return false;
     }
     const char* type = stringMember(received, "type");
-    if (type == nullptr || strcmp(type, expected.type) != 0) {
+    if (type == nullptr || strcmp(type, orEmpty(expected.type)) != 0) {
         LOGE("Error setting type was not the same");
         return false;
     }
@@ -94,7 +97,7 @@ bool validateSetting(const Module::config& expected, const json_t* received) {
         LOGE("Value was not pressent");
         return false;
     }
-    if (!fitsType(expected.type, value)) {
+    if (!fitsType(orEmpty(expected.type), value)) {
         LOGE("Value recived does not fit the expected format it was defined for");
         return false;
     }
@@ -117,7 +120,10 @@ bool validateSetting(const Module::config& expected, const json_t* received) {
 
 Module::config* firstEnableSetting(modulePair& entry) {
     for (Module::config& c : entry.settings.configs) {
-        if (strcmp(c.name, "Enable Module") == 0 && strcmp(c.type, "boolean") == 0) return &c;
+        if (strcmp(orEmpty(c.name), "Enable Module") == 0 &&
+            strcmp(orEmpty(c.type), "boolean") == 0) {
+            return &c;
+        }
     }
     return nullptr;
 }
@@ -179,11 +185,11 @@ void updateConfig(const char* text) {
         for (size_t i = 0; i < configs.size(); i++) {
             const char* value = stringMember(json_array_get(settings, i), "value");
             if (value == nullptr || strcmp(configs[i].value, value) == 0) continue;
-            if (strcmp(configs[i].name, "Enable internal sdcard only") == 0) {
+            if (strcmp(orEmpty(configs[i].name), "Enable internal sdcard only") == 0) {
                 internalSdcardOnlyChanged = 1;
             }
             if (strcmp(moduleName, "BTSnoopLogModule") == 0 &&
-                strcmp(configs[i].name, "Enable Module") == 0) {
+                strcmp(orEmpty(configs[i].name), "Enable Module") == 0) {
                 Module::config* enable = firstEnableSetting(entry);
                 bool enabled = enable != nullptr && strcmp(enable->value, "true") == 0;
                 LOGD("updateConfig() BTSnooplog - MODULE_CONFIG_ENABLE enable: %d", enabled);
@@ -212,8 +218,9 @@ int moduleValConfig(int mode) {
     for (modulePair& entry : moduleRegistry) {
         errors.clear();
         entry.module->configVal(entry.settings, errors);
-        // Name and message come in pairs; a trailing unpaired element is ignored.
-        if (errors.size() < 2) continue;
+        // Name and message come in pairs; a trailing unpaired element adds no member, but the
+        // module still answers with its (empty) object.
+        if (errors.empty()) continue;
         json_t* messages = json_object();
         for (size_t k = 0; k + 1 < errors.size(); k += 2) {
             json_object_set_new(messages, errors[k].c_str(), json_string(errors[k + 1].c_str()));

@@ -12,15 +12,18 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <chrono>
 #include <cstdlib>
 #include <cstring>
 #include <memory>
 #include <random>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "config/config_validation.h"
+#include "config/document.h"
 #include "config/file_watch.h"
 #include "core/daemon_state.h"
 #include "core/log.h"
@@ -199,6 +202,24 @@ TEST_F(ConfigFileTest, ACopyLeftByAnInterruptedSaveIsTakenBack) {
     EXPECT_EQ(takeLeftConfigCopy(kConfigPath), kConfigPath);
     EXPECT_EQ(p_.readFile(kConfigPath), "old");
     EXPECT_EQ(p_.readFile("/sdcard/elsewhere.txt"), "precious");
+}
+
+TEST_F(ConfigFileTest, ALoadOnOneThreadNeverSpoilsASaveOnAnother) {
+    p_.makeDir("/sdcard/Tellwick/");
+    const std::string a(4000, 'a');
+    const std::string b(3000, 'b');
+    std::atomic<bool> done{false};
+    std::thread saver([&] {
+        for (int i = 0; i < 20; i++) {
+            std::lock_guard<std::mutex> lock(configMutex);
+            saveFile(kConfigPath, (i % 2 ? b : a).c_str());
+        }
+        done = true;
+    });
+    while (!done) EXPECT_EQ(takeLeftConfigCopy(kConfigPath), kConfigPath);
+    saver.join();
+    EXPECT_EQ(p_.log().count("Error writing file : /sdcard/Tellwick/config.json errno : 2"), 0);
+    EXPECT_EQ(p_.readFile(kConfigPath), b);
 }
 
 TEST_F(ConfigFileTest, LoadingMissingValidPartialAndBrokenFiles) {

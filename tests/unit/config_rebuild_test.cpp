@@ -12,6 +12,7 @@
 #include "config/config_file.h"
 #include "config/config_validation.h"
 #include "core/daemon_state.h"
+#include "core/log.h"
 #include "core/module_registry.h"
 #include "fakes/test_platform.h"
 #include "quicktap/quicktap.h"
@@ -145,7 +146,8 @@ TEST_F(ConfigRebuildTest, ShapesTheFileMayAndMayNotHave) {
         {"QuickTap module missing off Alder", document({alphaModule()}), 0},
         {"module missing", document({quickTap}), -1},
         {"settings missing", document({"\"ANRModule\":{}", quickTap}), -1},
-        {"settings not an array", document({"\"ANRModule\":{\"settings\":5}", quickTap}), -1},
+        // Not missing, only empty: every setting is "not found" and keeps its value.
+        {"settings not an array", document({"\"ANRModule\":{\"settings\":5}", quickTap}), 1},
         {"unparsable", "{\"ANRModule\":", -1},
         {"entry without type is skipped",
          document(
@@ -174,6 +176,28 @@ TEST_F(ConfigRebuildTest, ShapesTheFileMayAndMayNotHave) {
     p_.setProperty("ro.build.project", "Alder");
     EXPECT_EQ(makeUpdateConfig(document({alphaModule()}).c_str()), -1);
     EXPECT_TRUE(p_.log().contains("no module key found with name: QuickTapModule", 4));
+}
+
+TEST_F(ConfigRebuildTest, AnEntryWithoutANameEndsTheCallAtOnce) {
+    p_.enableDebugLog();
+    int judgedBefore = alpha_->judged;
+    std::string text = document({module("ANRModule", {"{\"type\":\"int\",\"value\":\"1\"}"}),
+                                 quickTapModule("false", "0", "0")});
+    EXPECT_EQ(makeUpdateConfig(text.c_str()), -1);
+    EXPECT_TRUE(p_.log().contains("makeUpdateConfig :BEGIN", kLogDebug));
+    EXPECT_FALSE(p_.log().contains("makeUpdateConfig :END"));
+    EXPECT_EQ(alpha_->judged, judgedBefore);
+}
+
+TEST_F(ConfigRebuildTest, SettingsWithoutANameOrTypeReadAsEmpty) {
+    setting(0, 1).name = nullptr;
+    setting(0, 1).type = nullptr;
+    std::string text =
+        document({module("ANRModule", {entry("", "", "7")}), quickTapModule("false", "0", "0")});
+    EXPECT_EQ(makeUpdateConfig(text.c_str()), 1);
+    EXPECT_STREQ(setting(0, 1).value, "7");
+    updateConfigDefault(false);
+    EXPECT_STREQ(setting(0, 2).value, "/sdcard/Tellwick/anr/");
 }
 
 TEST_F(ConfigRebuildTest, ChangedValuesAreAppliedAndMarkedAndTheModulesJudgeThem) {

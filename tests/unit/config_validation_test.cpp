@@ -92,9 +92,9 @@ class ConfigValidationTest : public ::testing::Test {
                 json_t* list = json_array();
                 for (const char* option : c.options)
                     json_array_append_new(list, json_string(option));
-                json_array_append_new(settings,
-                                      json_pack("{s:s,s:s,s:s,s:o}", "name", c.name, "type", c.type,
-                                                "value", c.value, "list", list));
+                json_array_append_new(
+                    settings, json_pack("{s:s,s:s,s:s,s:o}", "name", c.name ? c.name : "", "type",
+                                        c.type ? c.type : "", "value", c.value, "list", list));
             }
             json_object_set_new(document, entry.module->getName(),
                                 json_pack("{s:o}", "settings", settings));
@@ -325,6 +325,31 @@ TEST_F(ConfigValidationTest, UpdateConfigSurvivesTextsThatDoNotFit) {
     EXPECT_STREQ(setting(0, 0).value, "true");
 }
 
+TEST_F(ConfigValidationTest, SettingsWithoutANameOrTypeReadAsEmpty) {
+    addSetting(1, "placeholder", "int", "3");
+    setting(1, 2).name = nullptr;
+    setting(1, 2).type = nullptr;
+    std::string text = documentWith([](json_t* d) {
+        json_t* s = settingOf(d, "BetaModule", 2);
+        json_object_set_new(s, "name", json_string(""));
+        json_object_set_new(s, "type", json_string(""));
+    });
+    EXPECT_EQ(validateConfig(text.c_str()), 0);
+    std::string renamed = documentWith([](json_t* d) {
+        json_t* s = settingOf(d, "BetaModule", 2);
+        json_object_set_new(s, "name", json_string("x"));
+    });
+    EXPECT_EQ(validateConfig(renamed.c_str()), -1);
+    EXPECT_TRUE(errorLogged("Error setting name was not the same x "));
+
+    std::string changed = documentWith([](json_t* d) {
+        json_object_set_new(settingOf(d, "BetaModule", 2), "value", json_string("4"));
+    });
+    updateConfig(changed.c_str());
+    EXPECT_STREQ(setting(1, 2).value, "4");
+    moduleRestartNeeded("/sdcard/none.json");
+}
+
 TEST_F(ConfigValidationTest, ModuleRestartNeededMarksEnabledModulesOnlyWhenTheFileIsMissing) {
     strcpy(setting(1, 0).value, "false");
     moduleRestartNeeded("");
@@ -386,10 +411,12 @@ TEST_F(ConfigApplyTest, ObjectionsAreSentAsOneDocumentOnlyInModeOne) {
               "{\"AlphaModule\": {\"Count\": \"too big\", \"Label\": \"bad \\\"label\\\"\"}, "
               "\"BetaModule\": {\"Enable internal sdcard only\": \"no card\"}}");
 
+    // A lone unpaired element still makes the module answer, with an empty object.
     alpha_->objections.clear();
     beta_->objections = {"unpaired"};
     moduleValConfig(1);
-    EXPECT_EQ(service_->errorMessages().size(), 1u);
+    ASSERT_EQ(service_->errorMessages().size(), 2u);
+    EXPECT_EQ(service_->errorMessages()[1], "{\"BetaModule\": {}}");
 }
 
 TEST_F(ConfigApplyTest, AcceptedDocumentIsAppliedSavedAndSentBack) {
