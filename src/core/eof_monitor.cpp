@@ -2,10 +2,13 @@
 
 #include <chrono>
 #include <cstring>
+#include <mutex>
 
+#include "config/document.h"
 #include "core/daemon_state.h"
 #include "core/log.h"
 #include "core/module_registry.h"
+#include "core/run_state.h"
 #include "platform/platform.h"
 
 namespace {
@@ -19,6 +22,8 @@ bool findEnabledLogcat(size_t& cursor) {
     for (; cursor < moduleRegistry.size(); cursor++) {
         modulePair& entry = moduleRegistry[cursor];
         if (strcmp(entry.module->getName(), "LogcatModule") != 0) continue;
+        // A configuration change may be writing the value on another thread.
+        std::lock_guard<std::mutex> lock(configMutex);
         for (const Module::config& c : entry.settings.configs) {
             if (strcmp(c.name, "Enable Module") == 0 && strcmp(c.type, "boolean") == 0) {
                 return strcmp(c.value, "true") == 0;
@@ -43,7 +48,7 @@ void monitorEOF() {
                 // A plain stop and start: the run state stays "running" and is not reported.
                 entry.module->prestop();
                 entry.module->stop();
-                entry.module->start(entry.settings);
+                entry.module->start(copySettings(entry));
                 watching = false;
             }
         }

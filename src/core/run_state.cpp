@@ -8,6 +8,7 @@
 #include <string>
 
 #include "config/config_file.h"
+#include "config/document.h"
 #include "core/daemon_state.h"
 #include "core/log.h"
 #include "core/module_registry.h"
@@ -38,9 +39,12 @@ bool wasStarted(Module* module) {
     return startedModules.count(module) != 0;
 }
 
-void startModule(modulePair& entry) {
+// Starts the entry when it is enabled, with a copy of its settings.
+void startIfEnabled(modulePair& entry) {
+    Module::moduleConfig settings;
+    if (!enabledSettings(entry, &settings)) return;
     markStarted(entry.module, true);
-    entry.module->start(entry.settings);
+    entry.module->start(std::move(settings));
 }
 
 // A refused request still tells the service where the daemon stands.
@@ -85,6 +89,23 @@ void reloadQuickTapConfig() {
 
 }  // namespace
 
+bool isEntryEnabled(modulePair& entry) {
+    std::lock_guard<std::mutex> lock(configMutex);
+    return isModuleEnabled(entry.settings);
+}
+
+bool enabledSettings(modulePair& entry, Module::moduleConfig* copy) {
+    std::lock_guard<std::mutex> lock(configMutex);
+    if (!isModuleEnabled(entry.settings)) return false;
+    *copy = entry.settings;
+    return true;
+}
+
+Module::moduleConfig copySettings(modulePair& entry) {
+    std::lock_guard<std::mutex> lock(configMutex);
+    return entry.settings;
+}
+
 void updateState(const char* state) {
     LOGD("updateState :BEGIN");
     if (strcmp(state, "stopped") == 0) {
@@ -110,9 +131,7 @@ void start() {
     updateState("transition");
     setprop("persist.sys.vd.autostart", "true");
     if (isTwQuickTapModeEnabled()) reloadQuickTapConfig();
-    for (modulePair& entry : moduleRegistry) {
-        if (isModuleEnabled(entry.settings)) startModule(entry);
-    }
+    for (modulePair& entry : moduleRegistry) startIfEnabled(entry);
     updateState("running");
     LOGD("start():END");
 }
@@ -129,10 +148,10 @@ void stop() {
     updateState("transition");
     // Every module gets prestop before any gets stop, so they can wind down together.
     for (modulePair& entry : moduleRegistry) {
-        if (isModuleEnabled(entry.settings)) entry.module->prestop();
+        if (isEntryEnabled(entry)) entry.module->prestop();
     }
     for (modulePair& entry : moduleRegistry) {
-        if (isModuleEnabled(entry.settings)) {
+        if (isEntryEnabled(entry)) {
             entry.module->stop();
             markStarted(entry.module, false);
         }
@@ -153,7 +172,7 @@ void restartModules() {
     // A module disabled by the change is still running and needs its stop.
     auto needsStop = [](modulePair& entry) {
         return entry.restartNeeded.load() == 1 &&
-               (isModuleEnabled(entry.settings) || wasStarted(entry.module));
+               (isEntryEnabled(entry) || wasStarted(entry.module));
     };
     std::vector<bool> stopping;
     stopping.reserve(moduleRegistry.size());
@@ -170,7 +189,7 @@ void restartModules() {
     for (modulePair& entry : moduleRegistry) {
         if (entry.restartNeeded.load() != 1) continue;
         entry.restartNeeded = 0;
-        if (isModuleEnabled(entry.settings)) startModule(entry);
+        startIfEnabled(entry);
     }
     updateState("running");
     LOGD("restartModules():END");
@@ -203,7 +222,7 @@ void systemTimeCheker() {
     if (runState.load() == kStateRunning && difftime(t1, t2) > 10.0) {
         LOGI("System time has changed notify the modules");
         for (modulePair& entry : moduleRegistry) {
-            if (isModuleEnabled(entry.settings)) entry.module->systemTimeChange();
+            if (isEntryEnabled(entry)) entry.module->systemTimeChange();
         }
     }
 }

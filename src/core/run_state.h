@@ -4,6 +4,8 @@
 // restartModules on whichever thread changed the configuration. None takes a lock.
 #pragma once
 
+#include "core/module_registry.h"
+
 void updateState(const char* state);
 void start();
 void stop();
@@ -11,6 +13,13 @@ void restartModules();
 // One-shot bodies, also run by the "refresh_state" and "refresh_time" commands.
 void syncServiceState();
 void systemTimeCheker();
+
+// The enabled test of an entry, and a copy of its settings for the module's start, taken
+// together under configMutex: another thread may be changing them. Never call with it held.
+bool isEntryEnabled(modulePair& entry);
+bool enabledSettings(modulePair& entry, Module::moduleConfig* copy);
+// A copy of the entry's settings, whatever they say.
+Module::moduleConfig copySettings(modulePair& entry);
 
 // Forgets which modules were started (tests).
 void resetRunStateForTesting();

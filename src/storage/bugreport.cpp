@@ -1,7 +1,6 @@
 #include "storage/bugreport.h"
 
 #include <fcntl.h>
-#include <poll.h>
 #include <signal.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -13,6 +12,7 @@
 #include "core/daemon_state.h"
 #include "core/log.h"
 #include "core/module_registry.h"
+#include "core/run_state.h"
 #include "platform/fs.h"
 #include "platform/platform.h"
 #include "service/ivd_service.h"
@@ -25,13 +25,11 @@ constexpr const char* kBugreportTool = "/system/bin/bugreportz";
 constexpr std::chrono::seconds kPropertyPoll{30};
 // Output is read in chunks of this size; only the last chunk is looked at.
 constexpr size_t kChunkSize = 4095;
-// Real time spent waiting for output before a step of the deadline is counted.
-constexpr int kOutputWaitMs = 50;
-// Step of the deadline, in platform time (scaled like every other wait).
+// Pause between looks at a silent tool, in platform time (scaled like every other wait).
 constexpr std::chrono::seconds kDeadlineStep{1};
 
 // Reads the tool's output to the end of stream and keeps the last chunk. Gives up (and sets
-// `timedOut`) when the tool is still silent after `deadline`.
+// `timedOut`) when the stream is still open after `deadline` of platform time.
 std::string readLastChunk(int fd, std::chrono::milliseconds deadline, bool* timedOut) {
     *timedOut = false;
     int flags = fcntl(fd, F_GETFL);
@@ -53,18 +51,17 @@ std::string readLastChunk(int fd, std::chrono::milliseconds deadline, bool* time
             *timedOut = true;
             break;
         }
-        struct pollfd p = {fd, POLLIN, 0};
-        if (poll(&p, 1, kOutputWaitMs) == 0) {
-            vigild::platform::current().clock->sleepFor(kDeadlineStep);
-            waited += kDeadlineStep;
-        }
+        // The platform clock paces the wait, so a hung tool costs device time, not real time.
+        vigild::platform::current().clock->sleepFor(kDeadlineStep);
+        waited += kDeadlineStep;
     }
     return kept;
 }
 
-void reapChild(pid_t pid) {
+// Waits for the tool; `report` logs how it ended.
+void reapChild(pid_t pid, bool report) {
     int status = 0;
-    if (vigild::platform::current().processes->wait(pid, &status, 0) != pid) return;
+    if (vigild::platform::current().processes->wait(pid, &status, 0) != pid || !report) return;
     if (!WIFEXITED(status)) {
         LOGE("bugreportz did not exit normally");
     } else {
@@ -98,13 +95,13 @@ void fileArchive(const std::string& path, Ivd_service& service) {
 
 int bugreportPass(std::chrono::milliseconds deadline) {
     vigild::platform::Processes* processes = vigild::platform::current().processes;
-    // Logged here: the child of a threaded process must not log.
-    LOGD("inside child process");
     vigild::platform::Child child = processes->spawn(kBugreportTool);
     if (child.outputFd < 0) {
         LOGE("Pipe failed");
         return kBugreportNoPipe;
     }
+    // Logged by the parent, in the child's place: the child of a threaded process must not log.
+    LOGD("inside child process");
     if (child.pid < 0) LOGE("Fork failed");
     LOGD("inside parent process");
     bool timedOut = false;
@@ -122,8 +119,8 @@ int bugreportPass(std::chrono::milliseconds deadline) {
     sp<Ivd_service> service = Ivd_service::getInterface();
     if (service == nullptr) {
         LOGE("Failed to obtain a handle on vd_service");
-        // Reaped before the next report can start; the property stays set for the retry.
-        if (child.pid > 0) reapChild(child.pid);
+        // Reaped quietly before the next report can start; the property stays set for the retry.
+        if (child.pid > 0) reapChild(child.pid, false);
         return kBugreportNoService;
     }
     if (path.empty()) {
@@ -133,7 +130,7 @@ int bugreportPass(std::chrono::milliseconds deadline) {
         fileArchive(path, *service);
     }
     setprop("persist.sys.vd.tw_bugreport", "false");
-    if (child.pid > 0) reapChild(child.pid);
+    if (child.pid > 0) reapChild(child.pid, true);
     return kBugreportDone;
 }
 
@@ -161,9 +158,10 @@ void copyRecoveryLogs() {
     for (modulePair& entry : moduleRegistry) {
         if (strcmp(entry.module->getName(), "RecoveryModule") != 0) continue;
         LOGD("copyRecoveryLogs():module is %s", entry.module->getName());
-        if (!isModuleEnabled(entry.settings)) continue;
+        Module::moduleConfig settings;
+        if (!enabledSettings(entry, &settings)) continue;
         LOGD("copyRecoveryLogs()- MODULE_CONFIG_ENABLE enable#1: %d", 1);
         // Started again without a stop: the module copies its recovery logs afresh.
-        entry.module->start(entry.settings);
+        entry.module->start(std::move(settings));
     }
 }

@@ -161,6 +161,20 @@ class DaemonE2ETest : public ::testing::Test {
         return configs.empty() ? "" : configs.back();
     }
 
+    // Writes a property as the store does: a temporary file renamed over it.
+    void setProperty(const std::string& name, const std::string& value) {
+        std::string temp = host("/dev/__properties__/.e2e-" + name);
+        std::ofstream(temp) << value;
+        fsys::rename(temp, host("/dev/__properties__/" + name));
+    }
+
+    void writeTool(const std::string& body) {
+        fsys::create_directories(host("/system/bin"));
+        std::string path = host("/system/bin/bugreportz");
+        std::ofstream(path) << "#!/bin/sh\n" << body << "\n";
+        fsys::permissions(path, fsys::perms::owner_all);
+    }
+
     int logcatStarts() const { return countOf(read(kLogcatLog), kStartHeader); }
 
     std::string root_;
@@ -286,6 +300,28 @@ TEST_F(DaemonE2ETest, ServiceGoingAwayAndComingBack) {
     bool asked = false;
     for (const vdstandin::Record& r : service_->records()) asked |= r.method == "getState";
     EXPECT_TRUE(asked);
+    EXPECT_TRUE(daemonAlive());
+}
+
+TEST_F(DaemonE2ETest, HungBugreportToolIsKilledAndTheNextRequestWorks) {
+    writeTool("exec sleep 1000");
+    launchDaemon();
+    setProperty("persist.sys.vd.tw_bugreport", "true");
+    // Ten minutes of device time, a few seconds at this time scale.
+    ASSERT_TRUE(eventually([&] { return !service_->bugreportStatuses().empty(); }, 20s));
+    EXPECT_EQ(service_->bugreportStatuses(), (std::vector<int>{0}));
+    EXPECT_TRUE(eventually(
+        [&] { return read("/dev/__properties__/persist.sys.vd.tw_bugreport") == "false"; },
+        kTimeout));
+
+    fsys::create_directories(host("/bugreports"));
+    std::ofstream(host("/bugreports/bugreport-e2e.zip")) << "zip bytes";
+    writeTool("echo 'OK:/bugreports/bugreport-e2e.zip'");
+    setProperty("persist.sys.vd.tw_bugreport", "true");
+    ASSERT_TRUE(eventually([&] { return service_->bugreportStatuses().size() == 2; }, kTimeout));
+    EXPECT_EQ(service_->bugreportStatuses().back(), 1);
+    EXPECT_EQ(read("/sdcard/Tellwick/TwBugreport-e2e.zip"), "zip bytes");
+    EXPECT_FALSE(fsys::exists(host("/bugreports/bugreport-e2e.zip")));
     EXPECT_TRUE(daemonAlive());
 }
 
