@@ -217,6 +217,27 @@ TEST_F(StandinTest, StopReleasesABlockedWaiterAsADeadPeer) {
     EXPECT_NE(Ivd_service::getInterface(), nullptr);
 }
 
+TEST_F(StandinTest, ASecondServiceDoesNotTakeOverALiveSocket) {
+    StandinService second(platform.root());
+    EXPECT_FALSE(second.start());
+    EXPECT_EQ(errno, EADDRINUSE);
+    auto proxy = connect();
+    ASSERT_NE(proxy, nullptr);
+    EXPECT_EQ(proxy->sendState(1), 0);
+    EXPECT_EQ(service.states(), std::vector<int>{1});
+
+    // A socket nobody answers on is a leftover and is replaced.
+    service.stop();
+    int stale = ::socket(AF_UNIX, SOCK_STREAM, 0);
+    struct sockaddr_un addr = {};
+    addr.sun_family = AF_UNIX;
+    std::string path = platform.hostPath("/dev/binder/com.tandril.vd.Ivd_service");
+    memcpy(addr.sun_path, path.c_str(), path.size() + 1);
+    ASSERT_EQ(::bind(stale, reinterpret_cast<sockaddr*>(&addr), sizeof(addr)), 0);
+    ::close(stale);
+    EXPECT_TRUE(second.start()) << strerror(errno);
+}
+
 // Raw frames, for what the proxy never sends.
 std::vector<uint8_t> rawTransact(const std::string& root, uint32_t code, const vigild::Parcel& data,
                                  int32_t* status) {

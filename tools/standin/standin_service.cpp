@@ -538,16 +538,26 @@ bool StandinService::start() {
     for (const std::string& dir : {d.root + "/dev", d.root + "/dev/binder"}) {
         if (::mkdir(dir.c_str(), 0755) != 0 && errno != EEXIST) return false;
     }
-    // A socket left by an earlier run would refuse the bind; anything else is not ours.
+    memcpy(addr.sun_path, d.socketPath.c_str(), d.socketPath.size() + 1);
+    // A socket left by an earlier run would refuse the bind; anything else is not ours, and
+    // a socket someone still answers on belongs to a live service.
     struct stat st;
     if (::lstat(d.socketPath.c_str(), &st) == 0) {
         if (!S_ISSOCK(st.st_mode)) {
             errno = EEXIST;
             return false;
         }
+        int probe = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+        const bool live =
+            probe >= 0 &&
+            ::connect(probe, reinterpret_cast<struct sockaddr*>(&addr), sizeof(addr)) == 0;
+        if (probe >= 0) ::close(probe);
+        if (live) {
+            errno = EADDRINUSE;
+            return false;
+        }
         ::unlink(d.socketPath.c_str());
     }
-    memcpy(addr.sun_path, d.socketPath.c_str(), d.socketPath.size() + 1);
     int fd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
     if (fd < 0) return false;
     if (::bind(fd, reinterpret_cast<struct sockaddr*>(&addr), sizeof(addr)) != 0 ||
