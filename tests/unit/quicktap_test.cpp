@@ -2,7 +2,10 @@
 
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <cstring>
+#include <thread>
+#include <vector>
 
 #include "core/builtin_modules.h"
 #include "core/log.h"
@@ -38,6 +41,25 @@ TEST_F(QuickTapTest, TableRowsAndLookups) {
     EXPECT_EQ(quickTapTable().size(), 44u);
     EXPECT_EQ(returnQuickTapModuleKey(21), "wifi");
     for (int number : {0, 23, -1}) EXPECT_EQ(returnQuickTapModuleKey(number), "default");
+}
+
+TEST_F(QuickTapTest, TableBuiltAndReadFromSeveralThreads) {
+    std::atomic<int> wrong{0};
+    std::vector<std::thread> threads;
+    for (int t = 0; t < 4; t++) {
+        threads.emplace_back([&wrong] {
+            createQuickTapKeyValue();
+            for (int i = 0; i < 200; i++) {
+                if (returnQuickTapModuleKey(12) != "bluetooth") wrong++;
+                if (returnQuickTapModuleKey(23) != "default") wrong++;
+            }
+        });
+    }
+    for (auto& t : threads) t.join();
+    EXPECT_EQ(wrong.load(), 0);
+    size_t rows = quickTapTable().size();
+    // Four appends, plus one more when a lookup found the table empty first.
+    EXPECT_TRUE(rows == 88u || rows == 110u) << rows;
 }
 
 TEST_F(QuickTapTest, PropertyReaders) {

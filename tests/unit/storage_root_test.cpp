@@ -6,6 +6,8 @@
 #include <algorithm>
 #include <chrono>
 #include <filesystem>
+#include <thread>
+#include <vector>
 
 #include "fakes/test_platform.h"
 #include "standin/standin_service.h"
@@ -123,6 +125,22 @@ TEST_F(StorageRootTest, CardThatAppearsAndDisappears) {
     EXPECT_EQ(getDefaultDirectory(), "/storage/ABCD-0123/");
     EXPECT_TRUE(p.exists("/sdcard/Tellwick"));
     EXPECT_FALSE(p.exists("/storage/ABCD-0123"));
+}
+
+TEST_F(StorageRootTest, ThreadsResolvingAtOnceAllGetTheCard) {
+    p.setProperty(kStoragePath, "/sdcard/");
+    p.makeDir("/storage/1A2B-3C4D");
+    std::vector<std::string> seen[4];
+    std::vector<std::thread> threads;
+    for (auto& results : seen) {
+        threads.emplace_back([&results] {
+            for (int i = 0; i < 25; i++) results.push_back(getDefaultDirectory());
+        });
+    }
+    for (auto& t : threads) t.join();
+    for (const auto& results : seen) {
+        for (const auto& root : results) EXPECT_EQ(root, "/storage/1A2B-3C4D/");
+    }
 }
 
 TEST(StorageRootTable, CardFolderNames) {
