@@ -20,6 +20,7 @@
 #include <unistd.h>
 
 #include <CLI/CLI.hpp>
+#include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <climits>
@@ -186,8 +187,18 @@ std::string statusText(const StandinService& service) {
     } else {
         out << "state:          " << stateName(states.back()) << " (" << states.back() << ")\n";
     }
-    auto versions = service.versions();
-    out << "versions:      " << (versions.empty() ? " none reported" : "") << "\n";
+    // Each fresh_connect reports every version again: show the latest per component.
+    std::vector<std::pair<std::string, std::string>> versions;
+    for (const auto& [name, version] : service.versions()) {
+        auto same = std::find_if(versions.begin(), versions.end(),
+                                 [&](const auto& v) { return v.first == name; });
+        if (same == versions.end()) {
+            versions.emplace_back(name, version);
+        } else {
+            same->second = version;
+        }
+    }
+    out << "versions:       " << (versions.empty() ? "none reported" : "") << "\n";
     for (const auto& [name, version] : versions) out << "  " << name << " " << version << "\n";
     auto lastInt = [](const std::vector<int>& v) {
         return v.empty() ? std::string("-") : std::to_string(v.back());
