@@ -15,7 +15,7 @@ constexpr const char* kName = "ExampleModule";
 constexpr const char* kVersion = "14.0.0.1";
 
 class ExampleModule : public Module {
-public:
+  public:
     // 0 means load. Return non-zero on devices this module has nothing to do on.
     int shouldLoad() override { return 0; }
 
@@ -63,7 +63,7 @@ public:
     }
     int logcatEOFStatus() override { return 0; }
 
-private:
+  private:
     bool running_ = false;
 };
 

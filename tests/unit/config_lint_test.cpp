@@ -13,15 +13,15 @@
 
 #include "fakes/test_platform.h"
 
-using vigild::testing::TestPlatform;
 using vdtools::LintResult;
+using vigild::testing::TestPlatform;
 
 namespace {
 
 // One library module: SoundModule with "Enable Module", "Rotate size (KB)" (int 1024),
 // "Verbose" (boolean false), "Buffer" (list of 3) and "Log Path".
 class ConfigLintTest : public ::testing::Test {
-protected:
+  protected:
     void SetUp() override {
         modules_ = p.root() + "/host-modules";
         std::filesystem::create_directories(modules_);
@@ -68,43 +68,51 @@ TEST_F(ConfigLintTest, TableOfFiles) {
     const Case cases[] = {
         {"sound", [](const std::string& d) { return d; }, {}, {}},
         {"broken JSON",
-         [](const std::string&) { return std::string("{\"SoundModule\": {\n  \"settings\": [,]}}"); },
+         [](const std::string&) {
+             return std::string("{\"SoundModule\": {\n  \"settings\": [,]}}");
+         },
          {"line 2, column 16: unexpected token near ','"},
          {}},
-        {"missing module", edit([](json_t* d) { json_object_del(d, "SoundModule"); }),
+        {"missing module",
+         edit([](json_t* d) { json_object_del(d, "SoundModule"); }),
          {"module \"SoundModule\" is missing: vigild would reset every setting to its default "
           "and apply the file again"},
          {}},
         {"extra setting",
          edit([](json_t* d) {
-             json_array_append_new(
-                 json_object_get(json_object_get(d, "SoundModule"), "settings"),
-                 json_pack("{s:s,s:s,s:s,s:[]}", "name", "Extra", "type", "int", "value", "1",
-                           "list"));
+             json_array_append_new(json_object_get(json_object_get(d, "SoundModule"), "settings"),
+                                   json_pack("{s:s,s:s,s:s,s:[]}", "name", "Extra", "type", "int",
+                                             "value", "1", "list"));
          }),
          {},
          {"\"SoundModule\" / \"Extra\" is unknown: vigild ignores it"}},
-        {"bad int", edit([](json_t* d) { setValue(d, 1, "12a"); }),
+        {"bad int",
+         edit([](json_t* d) { setValue(d, 1, "12a"); }),
          {"\"SoundModule\" / \"Rotate size (KB)\": \"12a\" does not fit type \"int\" (Value "
           "recived does not fit the expected format it was defined for)"},
          {}},
-        {"foreign path", edit([](json_t* d) { setValue(d, 4, "/data/elsewhere/anr/"); }),
+        {"foreign path",
+         edit([](json_t* d) { setValue(d, 4, "/data/elsewhere/anr/"); }),
          {},
          {"\"SoundModule\" / \"Log Path\": \"/data/elsewhere/anr/\" would be corrected to "
           "\"/sdcard/Tellwick/\""}},
-        {"missing setting", edit([](json_t* d) {
+        {"missing setting",
+         edit([](json_t* d) {
              json_array_remove(json_object_get(json_object_get(d, "SoundModule"), "settings"), 2);
          }),
          {},
          {"\"SoundModule\" / \"Verbose\" is missing: it keeps its current value"}},
-        {"nameless entry", edit([](json_t* d) { json_object_del(soundSetting(d, 2), "name"); }),
+        {"nameless entry",
+         edit([](json_t* d) { json_object_del(soundSetting(d, 2), "name"); }),
          {"module \"SoundModule\": setting entry 2 has no \"name\": vigild stops reading the file "
           "there"},
          {"\"SoundModule\" / \"Verbose\" is missing: it keeps its current value"}},
-        {"list index past its options", edit([](json_t* d) { setValue(d, 3, "7"); }),
+        {"list index past its options",
+         edit([](json_t* d) { setValue(d, 3, "7"); }),
          {},
          {"\"SoundModule\" / \"Buffer\": \"7\" is not an index of its 3 options"}},
-        {"unknown module", edit([](json_t* d) { json_object_set_new(d, "Ghost", json_object()); }),
+        {"unknown module",
+         edit([](json_t* d) { json_object_set_new(d, "Ghost", json_object()); }),
          {},
          {"module \"Ghost\" is unknown: vigild ignores it"}},
     };
@@ -127,8 +135,8 @@ TEST_F(ConfigLintTest, ChangesAgainstTheDefaultsAndWinningProperties) {
     ASSERT_TRUE(vdtools::prepareRegistry(modules_).empty());
     std::string file = edited(defaults, [](json_t* d) {
         setValue(d, 2, "true");
-        json_t* ours = json_array_get(
-            json_object_get(json_object_get(d, "Tellwick Settings"), "settings"), 2);
+        json_t* ours =
+            json_array_get(json_object_get(json_object_get(d, "Tellwick Settings"), "settings"), 2);
         json_object_set_new(ours, "value", json_string("true"));
     });
     LintResult result = vdtools::lintConfig(file);
@@ -149,7 +157,8 @@ TEST_F(ConfigLintTest, DefaultsListEveryModuleInRegistryOrder) {
     json_t* value;
     json_object_foreach(doc, key, value) keys.push_back(key);
     json_decref(doc);
-    EXPECT_EQ(keys, (std::vector<std::string>{"Tellwick Settings", "SoundModule", "QuickTapModule"}));
+    EXPECT_EQ(keys,
+              (std::vector<std::string>{"Tellwick Settings", "SoundModule", "QuickTapModule"}));
     EXPECT_TRUE(vdtools::lintConfig(text).sound());
 }
 
@@ -182,4 +191,4 @@ TEST_F(ConfigLintTest, ToolExitStatus) {
     EXPECT_EQ(run("check " + p.hostPath("/good.json") + " --prop bad", &out), 2) << out;
 }
 
-} // namespace
+}  // namespace

@@ -10,8 +10,8 @@
 
 #include "fakes/test_platform.h"
 
-using vigild::testing::TestPlatform;
 using vdtools::ModuleReport;
+using vigild::testing::TestPlatform;
 
 namespace {
 
@@ -32,27 +32,35 @@ struct Case {
 
 TEST(ModcheckTest, ReportsEachFaultOfTheBrokenLibraries) {
     const Case cases[] = {
-        {"lib_vd_old_base.so", false,
+        {"lib_vd_old_base.so",
+         false,
          {"wrong base version: \"14.1.0.0\" does not begin with \"14.0.\""}},
-        {"lib_vd_refuse.so", false,
+        {"lib_vd_refuse.so",
+         false,
          {"shouldLoad() refuses: it returned non-zero, so the daemon leaves the module out"}},
         {"lib_vd_enable_not_first.so", true, {"\"Enable Module\" is not the first setting"}},
         {"lib_vd_enable_not_boolean.so", true, {"\"Enable Module\" is not of type \"boolean\""}},
         {"lib_vd_duplicate.so", true, {"duplicate setting name \"Verbose\" (settings 2 and 5)"}},
         {"lib_vd_unknown_type.so", true, {"setting \"Ratio\" has unknown type \"float\""}},
         {"lib_vd_long_value.so", true, {"setting \"Banner\" has a value of 256 bytes or more"}},
-        {"lib_vd_bad_list.so", true,
+        {"lib_vd_bad_list.so",
+         true,
          {"list \"Buffer\" has value \"3\", which is not an index of its 3 options"}},
-        {"lib_vd_bad_int.so", true,
+        {"lib_vd_bad_int.so",
+         true,
          {"int \"Rotate size (KB)\" has default \"12a\", which is not plain decimal text"}},
-        {"lib_vd_path_not_folder.so", true,
+        {"lib_vd_path_not_folder.so",
+         true,
          {"\"Log Path\" has value \"/sdcard/Tellwick/broken\", which is not a folder (an "
           "absolute path ending in \"/\")"}},
-        {"lib_vd_objects.so", true,
+        {"lib_vd_objects.so",
+         true,
          {"configVal objects to the default of \"Rotate size (KB)\": must be a power of two"}},
-        {"lib_vd_builtin_name.so", true,
+        {"lib_vd_builtin_name.so",
+         true,
          {"module name \"QuickTapModule\" is taken by a module built into the daemon"}},
-        {"libvd_misnamed.so", true,
+        {"libvd_misnamed.so",
+         true,
          {"file name does not begin with \"lib_vd_\": the daemon never looks at it"}},
     };
     for (const Case& c : cases) {
@@ -115,11 +123,13 @@ TEST(ModcheckTest, SettingRulesFollowTheDaemon) {
         {setting("Enable Module", "boolean", "True"), "duplicate setting name \"Enable Module\""},
         {setting("D", "boolean", "1"), "boolean \"D\" has value \"1\", not \"true\" or \"false\""},
         {setting("E", "int", "05"), "int \"E\" has value \"05\", which is not plain decimal text"},
-        {setting("F", "list", "0"), "list \"F\" has value \"0\", which is not an index of its 0 "
-                                    "options"},
-        {setting("LOG PATH", "string", "relative/"), "\"LOG PATH\" has value \"relative/\", which "
-                                                     "is not a folder (an absolute path ending in "
-                                                     "\"/\")"},
+        {setting("F", "list", "0"),
+         "list \"F\" has value \"0\", which is not an index of its 0 "
+         "options"},
+        {setting("LOG PATH", "string", "relative/"),
+         "\"LOG PATH\" has value \"relative/\", which "
+         "is not a folder (an absolute path ending in "
+         "\"/\")"},
         {setting(nullptr, "int", "1"), "setting 6 has no name"},
     };
     for (const auto& [c, expected] : bad) {
@@ -162,4 +172,4 @@ TEST(ModcheckTest, ToolSurvivesAnAbortingLibraryAndSetsTheExitStatus) {
     EXPECT_EQ(run("", &out), 2);
 }
 
-} // namespace
+}  // namespace

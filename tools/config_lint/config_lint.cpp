@@ -56,7 +56,7 @@ bool isIndexOf(const char* text, size_t count) {
 // Puts single values through the daemon's validation by swapping them into the default
 // document, which validates as it stands.
 class ValueJudge {
-public:
+  public:
     ValueJudge() {
         char* text = getConfig();
         if (text != nullptr) document_.reset(json_loads(text, 0, nullptr));
@@ -65,8 +65,7 @@ public:
 
     // Empty when the daemon takes `value` for setting `index` of module `moduleIndex`; else
     // the daemon's reason.
-    std::string judge(const char* module, size_t index, const char* value,
-                      LogCapture& capture) {
+    std::string judge(const char* module, size_t index, const char* value, LogCapture& capture) {
         json_t* settings = json_object_get(json_object_get(document_.get(), module), "settings");
         json_t* setting = json_array_get(settings, index);
         if (setting == nullptr) return "";
@@ -82,7 +81,7 @@ public:
         return why.empty() ? "refused" : why.back();
     }
 
-private:
+  private:
     JsonPtr document_;
 };
 
@@ -175,13 +174,14 @@ void checkStructure(json_t* root, LintResult& result, LogCapture& capture,
         for (const modulePair& entry : moduleRegistry) {
             known = known || strcmp(entry.settings.moduleName, key) == 0;
         }
-        if (!known) result.warnings.push_back("module " + quoted(key) + " is unknown: vigild ignores it");
+        if (!known)
+            result.warnings.push_back("module " + quoted(key) + " is unknown: vigild ignores it");
     }
 }
 
 std::string configPath() { return configFilePath(kInternalRoot); }
 
-} // namespace
+}  // namespace
 
 std::vector<std::string> prepareRegistry(const std::string& hostModuleDir) {
     std::vector<std::string> refusals;
@@ -241,8 +241,8 @@ LintResult lintConfig(const std::string& text) {
     // Now let the daemon load it as its own configuration file.
     const std::string path = configPath();
     int fd = vigild::fs::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW, 0660);
-    bool written = fd >= 0 && ::write(fd, text.data(), text.size()) ==
-                                  static_cast<ssize_t>(text.size());
+    bool written =
+        fd >= 0 && ::write(fd, text.data(), text.size()) == static_cast<ssize_t>(text.size());
     if (fd >= 0) ::close(fd);
     if (!written) {
         result.errors.push_back("cannot write the scratch copy of the file");
@@ -255,8 +255,9 @@ LintResult lintConfig(const std::string& text) {
         failed = failed || capture.lines()[i].text == "config file load failed, load again";
     }
     if (failed && result.errors.empty()) {
-        result.errors.push_back("vigild could not apply the file: it would reset every setting "
-                                "to its default and apply the file again");
+        result.errors.push_back(
+            "vigild could not apply the file: it would reset every setting "
+            "to its default and apply the file again");
     }
 
     for (size_t m = 0; m < moduleRegistry.size(); ++m) {
@@ -291,4 +292,4 @@ std::string defaultDocument() {
     return out;
 }
 
-} // namespace vdtools
+}  // namespace vdtools

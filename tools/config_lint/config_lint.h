@@ -31,4 +31,4 @@ LintResult lintConfig(const std::string& text);
 // The document a fresh device writes for the registry.
 std::string defaultDocument();
 
-} // namespace vdtools
+}  // namespace vdtools

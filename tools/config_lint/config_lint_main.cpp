@@ -53,7 +53,7 @@ void printRefusals(const std::vector<std::string>& refusals) {
     for (const std::string& line : refusals) fprintf(stderr, "modules: %s\n", line.c_str());
 }
 
-} // namespace
+}  // namespace
 
 int main(int argc, char** argv) {
     CLI::App app{"Checks vigild configuration files against a set of module libraries"};
@@ -81,8 +81,7 @@ int main(int argc, char** argv) {
 
     std::string text;
     if (check->parsed() && !readFile(file, &text)) {
-        fprintf(stderr, "%s: cannot be read (or over %zu bytes)\n", file.c_str(),
-                kFileReaderLimit);
+        fprintf(stderr, "%s: cannot be read (or over %zu bytes)\n", file.c_str(), kFileReaderLimit);
         return 2;
     }
     vdtools::ScratchDevice device;
@@ -103,7 +102,8 @@ int main(int argc, char** argv) {
     }
 
     vdtools::LintResult result = vdtools::lintConfig(text);
-    for (const std::string& line : result.errors) printf("%s: error: %s\n", file.c_str(), line.c_str());
+    for (const std::string& line : result.errors)
+        printf("%s: error: %s\n", file.c_str(), line.c_str());
     for (const std::string& line : result.warnings) {
         printf("%s: warning: %s\n", file.c_str(), line.c_str());
     }

@@ -113,14 +113,15 @@ void explainRefusal(const std::vector<std::string>& errors, const std::vector<Ca
     for (size_t i = from; i < all.size(); ++i) {
         if (all[i].text.find("is present but not loaded based off of the module determination") !=
             std::string::npos) {
-            faults.push_back("shouldLoad() refuses: it returned non-zero, so the daemon leaves "
-                             "the module out");
+            faults.push_back(
+                "shouldLoad() refuses: it returned non-zero, so the daemon leaves "
+                "the module out");
         }
     }
     if (faults.size() == before) faults.push_back("the daemon did not register the module");
 }
 
-} // namespace
+}  // namespace
 
 std::vector<std::string> checkSettings(const Module::moduleConfig& settings) {
     std::vector<std::string> faults;
@@ -165,8 +166,8 @@ std::vector<std::string> checkSettings(const Module::moduleConfig& settings) {
         for (const char* option : c.options) optionsPresent = optionsPresent && option != nullptr;
         if (!optionsPresent) faults.push_back("list " + name + " has a null option");
         // A mistyped "Enable Module" is reported once, above.
-        const bool badEnable = i == 0 && strcmp(c.name, kEnableModule) == 0 &&
-                               strcmp(c.type, "boolean") != 0;
+        const bool badEnable =
+            i == 0 && strcmp(c.name, kEnableModule) == 0 && strcmp(c.type, "boolean") != 0;
         if (buffersFit && optionsPresent && !badEnable) checkValues(c, faults);
     }
     return faults;
@@ -245,4 +246,4 @@ ModuleReport checkModuleLibrary(const std::string& hostLibrary) {
     return report;
 }
 
-} // namespace vdtools
+}  // namespace vdtools

@@ -35,4 +35,4 @@ std::vector<std::string> checkSettings(const Module::moduleConfig& settings);
 // child process.
 ModuleReport checkModuleLibrary(const std::string& hostLibrary);
 
-} // namespace vdtools
+}  // namespace vdtools

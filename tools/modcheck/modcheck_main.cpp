@@ -23,8 +23,7 @@ void say(const std::string& library, const std::string& text) {
 
 // Runs in a child of its own, so a library that crashes or aborts in its constructors or
 // init() (as the daemon would) is reported instead of ending the checker.
-int checkInChild(const std::string& library, const vdtools::ScratchDevice& device,
-                 bool verbose) {
+int checkInChild(const std::string& library, const vdtools::ScratchDevice& device, bool verbose) {
     device.install();
     vdtools::ModuleReport report;
     {
@@ -65,8 +64,9 @@ int check(const std::string& library, bool verbose) {
         std::string line = "the daemon would die loading or initialising it: signal " +
                            std::to_string(sig) + " (" + strsignal(sig) + ")";
         if (sig == SIGABRT) {
-            line += "; a value of 256 bytes or more given to addConfigInt or addConfigBoolean "
-                    "aborts";
+            line +=
+                "; a value of 256 bytes or more given to addConfigInt or addConfigBoolean "
+                "aborts";
         }
         say(library, line);
         return 1;
@@ -74,7 +74,7 @@ int check(const std::string& library, bool verbose) {
     return WIFEXITED(status) && WEXITSTATUS(status) == 0 ? 0 : 1;
 }
 
-} // namespace
+}  // namespace
 
 int main(int argc, char** argv) {
     CLI::App app{"Loads vigild module libraries as the daemon does and reports what is wrong"};

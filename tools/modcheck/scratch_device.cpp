@@ -66,8 +66,7 @@ bool makeDeviceDirs(const std::string& devicePath) {
         size_t next = devicePath.find('/', pos);
         if (next == std::string::npos) next = devicePath.size();
         partial = devicePath.substr(0, next);
-        if (!partial.empty() && vigild::fs::mkdir(partial.c_str(), 0771) != 0 &&
-            errno != EEXIST) {
+        if (!partial.empty() && vigild::fs::mkdir(partial.c_str(), 0771) != 0 && errno != EEXIST) {
             return false;
         }
         pos = next + 1;
@@ -115,4 +114,4 @@ std::vector<std::string> moduleLibrariesIn(const std::string& hostFolder) {
     return out;
 }
 
-} // namespace vdtools
+}  // namespace vdtools

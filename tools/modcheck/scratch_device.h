@@ -19,7 +19,7 @@ struct CapturedLine {
 // when `forward` is set, also passed on to the sink it replaced. Install-time only: no
 // daemon thread may be logging while one is made or destroyed.
 class LogCapture : public vigild::platform::LogSink {
-public:
+  public:
     explicit LogCapture(bool forward);
     ~LogCapture() override;
     LogCapture(const LogCapture&) = delete;
@@ -30,7 +30,7 @@ public:
     // Lines written since `from`, at error level or above.
     std::vector<std::string> errorsSince(size_t from) const;
 
-private:
+  private:
     vigild::platform::LogSink* previous_;
     bool forward_;
     std::vector<CapturedLine> lines_;
@@ -39,7 +39,7 @@ private:
 // A fresh device root under /tmp, removed again on destruction. install() puts the host
 // backend over it (real time: the tools never wait on purpose).
 class ScratchDevice {
-public:
+  public:
     ScratchDevice();
     ~ScratchDevice();
     ScratchDevice(const ScratchDevice&) = delete;
@@ -49,7 +49,7 @@ public:
     const std::string& root() const { return root_; }
     void install() const;
 
-private:
+  private:
     std::string root_;
 };
 
@@ -61,4 +61,4 @@ bool copyToDevice(const std::string& hostFile, const std::string& devicePath);
 // The lib_vd_* files of a host folder, sorted; other files are left out.
 std::vector<std::string> moduleLibrariesIn(const std::string& hostFolder);
 
-} // namespace vdtools
+}  // namespace vdtools

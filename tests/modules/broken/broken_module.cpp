@@ -25,7 +25,7 @@ Module::config makeSetting(const char* name, const char* type, const char* value
 }
 
 class BrokenModule : public Module {
-public:
+  public:
     int shouldLoad() override {
 #ifdef VDBROKEN_REFUSE
         return 1;
@@ -96,7 +96,7 @@ public:
     int logcatEOFStatus() override { return 0; }
 };
 
-} // namespace
+}  // namespace
 
 #ifndef VDBROKEN_NO_ENTRY
 extern "C" Module* getModule() {
