@@ -548,9 +548,8 @@ bool StandinService::start() {
             return false;
         }
         int probe = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-        const bool live =
-            probe >= 0 &&
-            ::connect(probe, reinterpret_cast<struct sockaddr*>(&addr), sizeof(addr)) == 0;
+        const bool live = probe >= 0 && ::connect(probe, reinterpret_cast<struct sockaddr*>(&addr),
+                                                  sizeof(addr)) == 0;
         if (probe >= 0) ::close(probe);
         if (live) {
             errno = EADDRINUSE;
