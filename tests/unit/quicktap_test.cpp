@@ -10,7 +10,6 @@
 #include "core/builtin_modules.h"
 #include "core/log.h"
 #include "fakes/test_platform.h"
-#include "storage/utility.h"
 
 using vigild::testing::TestPlatform;
 
@@ -104,14 +103,6 @@ TEST_F(QuickTapTest, OnSwitchIsExact) {
     EXPECT_FALSE(isTwQuickTapModeEnabled());
     p.setProperty("persist.sys.vd.quick_tap", "true");
     EXPECT_TRUE(isTwQuickTapModeEnabled());
-}
-
-TEST_F(QuickTapTest, NumberInRangeIsTheLooseTest) {
-    EXPECT_TRUE(isNumberInRange(5, 1, 4));
-    EXPECT_TRUE(isNumberInRange(0, 1, 4));
-    EXPECT_FALSE(isNumberInRange(5, 6, 4));
-    EXPECT_TRUE(isNumberInRange(4, 6, 4));
-    EXPECT_TRUE(isNumberInRange(7, 6, 4));
 }
 
 TEST_F(QuickTapTest, CopiesThePreparedFileOfTheChosenCombination) {
