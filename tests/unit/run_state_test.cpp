@@ -67,6 +67,8 @@ class RunStateTest : public ::testing::Test {
   protected:
     void SetUp() override {
         resetRunStateForTesting();
+        // Tests hold entry references across add(): the registry must not move.
+        moduleRegistry.reserve(16);
         p.enableDebugLog();
         ASSERT_TRUE(service.start());
     }
