@@ -72,7 +72,7 @@ void reapChild(pid_t pid, bool report) {
 // Moves the archive into the log folder and tells the service how that went.
 void fileArchive(const std::string& path, Ivd_service& service) {
     std::string root = getDefaultDirectory();
-    std::string name = "TwBugreport-" + truncateFromSubstring(path, "bugreport-");
+    std::string name = bugreportArchiveName(path);
     std::string destination =
         root + (isTellwickSecureModeEnabled() ? kSecureLogFolder : kTellwickFolder) + name;
     std::string source = trim(path);
@@ -92,6 +92,14 @@ void fileArchive(const std::string& path, Ivd_service& service) {
 }
 
 }  // namespace
+
+std::string bugreportArchivePath(const std::string& lastChunk) {
+    return truncateFromSubstring(lastChunk, "OK:");
+}
+
+std::string bugreportArchiveName(const std::string& path) {
+    return "TwBugreport-" + truncateFromSubstring(path, "bugreport-");
+}
 
 int bugreportPass(std::chrono::milliseconds deadline) {
     vigild::platform::Processes* processes = vigild::platform::current().processes;
@@ -113,7 +121,7 @@ int bugreportPass(std::chrono::milliseconds deadline) {
         output.clear();
     }
 
-    std::string path = truncateFromSubstring(output, "OK:");
+    std::string path = bugreportArchivePath(output);
     LOGD("TwBugreportz::twBugreportSrcPath == %s", path.c_str());
 
     sp<Ivd_service> service = Ivd_service::getInterface();

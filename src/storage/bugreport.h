@@ -3,9 +3,17 @@
 #pragma once
 
 #include <chrono>
+#include <string>
 
 // How long a bug report tool may run before it is killed. Real reports take minutes.
 constexpr std::chrono::seconds kBugreportDeadline{600};
+
+// The archive the tool's last output chunk names: everything after its first "OK:", or ""
+// (with an error line) when there is none. Nothing is trimmed here.
+std::string bugreportArchivePath(const std::string& lastChunk);
+// The archive's name in the log folder: "TwBugreport-" and what follows the first "bugreport-"
+// of `path`, so bugreport-X.zip becomes TwBugreport-X.zip whatever folder it was in.
+std::string bugreportArchiveName(const std::string& path);
 
 // Thread body: polls the property every 30 seconds until exitRequested is set.
 void generateBugreport();
