@@ -290,7 +290,8 @@ void updateConfigDefault(bool force) {
                 kind = kExternal;
             }
             std::string subPath = substrNthPlace(current, "/", kind == kInternal ? 1 : 2);
-            if (subPath == root) {
+            // The prefix alone would keep "/sdcard/../../etc/": an unclean value is corrected.
+            if (subPath == root && isCleanLogPath(current)) {
                 copyValue(c.value, root + current.substr(subPath.size()));
             } else {
                 if (moduleName != nullptr && moduleName[0] != '\0') {
@@ -357,7 +358,7 @@ std::string persistLogPathUpdate(bool bootLog, std::string value, std::string st
             ? substrNthPlace(value, "/", 2)
             : substrNthPlace(value, "/", 1);
     std::string result;
-    if (sub == storageRoot && sub.size() <= value.size()) {
+    if (sub == storageRoot && sub.size() <= value.size() && isCleanLogPath(value)) {
         result = storageRoot + value.substr(sub.size());
     } else {
         result = storageRoot +

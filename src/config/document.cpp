@@ -75,7 +75,9 @@ void checkPath(Module::config& setting, const char* moduleName) {
         resetToModuleFolder(setting, moduleName);
         return;
     }
-    FILE* stream = vigild::fs::fopen(subPath.c_str(), "r");
+    // A value that climbs out with ".." or hides characters passes the prefix test alone.
+    FILE* stream =
+        isCleanLogPath(setting.value) ? vigild::fs::fopen(subPath.c_str(), "r") : nullptr;
     const bool keep =
         stream != nullptr && strcasecmp(subPath.c_str(), getDefaultDirectory().c_str()) == 0;
     if (stream != nullptr) fclose(stream);

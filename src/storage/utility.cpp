@@ -522,6 +522,34 @@ int remove_all(const char* path) {
     return result;
 }
 
+bool isCleanLogPath(const std::string& value) {
+    // Characters that print as nothing (or as a plain blank) but name another folder: no-break
+    // space, soft hyphen, zero-width and direction marks, word joiners, byte order mark.
+    static constexpr std::string_view kInvisible[] = {
+        "\xC2\xA0",     "\xC2\xAD",     "\xE2\x80\x8B", "\xE2\x80\x8C", "\xE2\x80\x8D",
+        "\xE2\x80\x8E", "\xE2\x80\x8F", "\xE2\x80\xAA", "\xE2\x80\xAB", "\xE2\x80\xAC",
+        "\xE2\x80\xAD", "\xE2\x80\xAE", "\xE2\x81\xA0", "\xE2\x81\xA1", "\xE2\x81\xA2",
+        "\xE2\x81\xA3", "\xE2\x81\xA4", "\xE2\x81\xA6", "\xE2\x81\xA7", "\xE2\x81\xA8",
+        "\xE2\x81\xA9", "\xEF\xBB\xBF",
+    };
+    for (unsigned char c : value) {
+        if (c < 0x20 || c == 0x7F) return false;
+    }
+    for (std::string_view mark : kInvisible) {
+        if (value.find(mark) != std::string::npos) return false;
+    }
+    std::string_view rest(value);
+    while (!rest.empty()) {
+        size_t slash = rest.find('/');
+        std::string_view part = rest.substr(0, slash);
+        if (part == "..") return false;
+        if (!part.empty() && (part.front() == ' ' || part.back() == ' ')) return false;
+        if (slash == std::string_view::npos) break;
+        rest.remove_prefix(slash + 1);
+    }
+    return true;
+}
+
 bool isFileExists(const std::string& path) {
     // Non-blocking: a FIFO opens for reading at once instead of waiting for a writer.
     int fd = vigild::fs::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);

@@ -40,6 +40,10 @@ int mkdir_all(const char* path);
 // Removes a tree depth first without following symlinks (a link is removed as a link).
 // Returns the count of failed removals below the path, or -1 when it is not a directory.
 int remove_all(const char* path);
+// False for a log folder value that could lead elsewhere or hide what it names: a ".."
+// component, control bytes, invisible or zero-width characters, or blanks at either end of
+// a component.
+bool isCleanLogPath(const std::string& value);
 // True when the file opens for reading.
 bool isFileExists(const std::string& path);
 // True on a debuggable build ("ro.debuggable" starts with '1') or with the debug switch on.

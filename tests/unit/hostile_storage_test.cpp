@@ -1,0 +1,437 @@
+// Storage an app can write to, turned against the daemon: folders swapped for links while
+// they are walked, configuration files that are not files, trees too deep or too wide, and
+// log folder values that lead somewhere else.
+#include <dirent.h>
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <stdio.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <chrono>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <functional>
+#include <memory>
+#include <set>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "config/config_file.h"
+#include "config/document.h"
+#include "config/file_watch.h"
+#include "core/log.h"
+#include "core/module_registry.h"
+#include "fakes/test_platform.h"
+#include "storage/log_deletion.h"
+#include "storage/utility.h"
+
+namespace {
+
+namespace fsys = std::filesystem;
+using namespace std::chrono_literals;
+using vigild::testing::finishesWithin;
+using vigild::testing::TestPlatform;
+
+// VIGILD_HOSTILE_LONG=1 runs the full sizes (100,000 entries, 20,000 levels, 5,000 rounds).
+bool longRun() { return getenv("VIGILD_HOSTILE_LONG") != nullptr; }
+
+int openDescriptors() {
+    int n = 0;
+    for (const auto& entry : fsys::directory_iterator("/proc/self/fd")) {
+        (void)entry;
+        n++;
+    }
+    return n;
+}
+
+// A folder outside the device root with files named like the log tree's, so a walk that
+// strays through a link would find something to delete or overwrite there.
+class Canary {
+  public:
+    Canary() {
+        char tmpl[] = "/tmp/vdcanary.XXXXXX";
+        path_ = mkdtemp(tmpl) != nullptr ? tmpl : "";
+        fsys::create_directories(path_ + "/inner");
+        for (const char* name : {"/b.txt", "/inner/c.txt", "/config.json"}) {
+            std::ofstream(path_ + name) << "canary";
+        }
+    }
+    ~Canary() {
+        std::error_code ec;
+        fsys::remove_all(path_, ec);
+    }
+    const std::string& path() const { return path_; }
+    // Exactly the planted files, untouched.
+    ::testing::AssertionResult intact() const {
+        std::set<std::string> found;
+        for (const auto& e : fsys::recursive_directory_iterator(path_)) {
+            std::string rel = e.path().string().substr(path_.size());
+            found.insert(rel);
+            if (e.is_regular_file()) {
+                std::ifstream in(e.path());
+                std::string content((std::istreambuf_iterator<char>(in)), {});
+                if (content != "canary") return ::testing::AssertionFailure() << rel << " changed";
+            }
+        }
+        std::set<std::string> planted = {"/b.txt", "/inner", "/inner/c.txt", "/config.json"};
+        if (found != planted) return ::testing::AssertionFailure() << "entries changed";
+        return ::testing::AssertionSuccess();
+    }
+
+  private:
+    std::string path_;
+};
+
+// Swaps two names back and forth with RENAME_EXCHANGE until destroyed.
+class Swapper {
+  public:
+    Swapper(std::string a, std::string b)
+        : thread_([this, a = std::move(a), b = std::move(b)] {
+              while (!stop_.load()) {
+                  if (::renameat2(AT_FDCWD, a.c_str(), AT_FDCWD, b.c_str(), RENAME_EXCHANGE) == 0) {
+                      swaps_++;
+                  }
+              }
+          }) {
+        // The walk starts only once the race is on (bounded: a few real seconds at most).
+        auto deadline = std::chrono::steady_clock::now() + 5s;
+        while (swaps_.load() == 0 && std::chrono::steady_clock::now() < deadline) {
+            std::this_thread::yield();
+        }
+    }
+    ~Swapper() {
+        stop_ = true;
+        thread_.join();
+    }
+    int swaps() const { return swaps_.load(); }
+
+  private:
+    std::atomic<bool> stop_{false};
+    std::atomic<int> swaps_{0};
+    std::thread thread_;
+};
+
+class HostileStorageTest : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        p.setProperty("persist.sys.vd.storage_path", "/sdcard/");
+        p.makeDir("/sdcard/Tellwick/");
+    }
+    // /sdcard/Tellwick/logs/{a.txt, sub/{b.txt, inner/c.txt}} and logs/lnk -> the canary.
+    void plantTree() {
+        std::error_code ec;
+        fsys::remove_all(p.hostPath("/sdcard/Tellwick/logs"), ec);
+        p.writeFile("/sdcard/Tellwick/logs/a.txt", "log");
+        p.writeFile("/sdcard/Tellwick/logs/sub/b.txt", "log");
+        p.writeFile("/sdcard/Tellwick/logs/sub/inner/c.txt", "log");
+        fsys::create_directory_symlink(canary.path(), p.hostPath("/sdcard/Tellwick/logs/lnk"));
+    }
+
+    TestPlatform p;
+    Canary canary;
+};
+
+TEST_F(HostileStorageTest, FolderSwappedForALinkDuringAWalkNeverReachesOutside) {
+    const int rounds = longRun() ? 5000 : 60;
+    struct Op {
+        const char* name;
+        std::function<void()> run;
+    };
+    const Op ops[] = {
+        {"remove_all", [] { remove_all("/sdcard/Tellwick/logs"); }},
+        {"deleteLogFilesUnsecure", [] { deleteLogFilesUnsecure("/sdcard/Tellwick/logs", 0); }},
+        {"deleteUnsecureLogData", [] { deleteUnsecureLogData("/sdcard/Tellwick/logs"); }},
+        {"copyFile",
+         [] { copyFile("/sdcard/Tellwick/logs/a.txt", "/sdcard/Tellwick/logs/sub/b.txt"); }},
+        {"copyFile new",
+         [] { copyFile("/sdcard/Tellwick/logs/a.txt", "/sdcard/Tellwick/logs/sub/new"); }},
+        {"mkdir_all", [] { mkdir_all("/sdcard/Tellwick/logs/sub/x/y/"); }},
+    };
+    const int fdsBefore = openDescriptors();
+    for (const Op& op : ops) {
+        int swaps = 0;
+        for (int i = 0; i < rounds; i++) {
+            plantTree();
+            {
+                Swapper swapper(p.hostPath("/sdcard/Tellwick/logs/sub"),
+                                p.hostPath("/sdcard/Tellwick/logs/lnk"));
+                op.run();
+                op.run();
+                swaps += swapper.swaps();
+            }
+            ASSERT_TRUE(canary.intact()) << op.name << " round " << i;
+        }
+        // The race really ran.
+        EXPECT_GT(swaps, 0) << op.name;
+    }
+    EXPECT_EQ(openDescriptors(), fdsBefore);
+}
+
+TEST_F(HostileStorageTest, LinksPlantedInTheTreeAreRemovedAsLinks) {
+    plantTree();
+    fsys::create_symlink(canary.path() + "/b.txt", p.hostPath("/sdcard/Tellwick/logs/f.txt"));
+    EXPECT_EQ(deleteLogFilesUnsecure("/sdcard/Tellwick/logs", 0), 0);
+    EXPECT_FALSE(p.exists("/sdcard/Tellwick/logs"));
+    plantTree();
+    EXPECT_EQ(deleteUnsecureLogData("/sdcard/Tellwick/logs"), 0);
+    plantTree();
+    EXPECT_EQ(remove_all("/sdcard/Tellwick/logs"), 0);
+    EXPECT_FALSE(p.exists("/sdcard/Tellwick/logs"));
+    // The top folder itself a link: nothing behind it is touched (a deletion may take the
+    // link itself away, as it would a file).
+    const std::string top = p.hostPath("/sdcard/Tellwick/logs");
+    auto relink = [&] {
+        std::error_code ec;
+        fsys::remove(top, ec);
+        fsys::create_directory_symlink(canary.path(), top);
+    };
+    p.writeFile("/sdcard/Tellwick/config.json", "{}");
+    relink();
+    EXPECT_EQ(deleteLogFilesUnsecure("/sdcard/Tellwick/logs/", 0), -1);
+    relink();
+    EXPECT_EQ(deleteUnsecureLogData("/sdcard/Tellwick/logs/"), -1);
+    relink();
+    EXPECT_EQ(remove_all("/sdcard/Tellwick/logs/inner"), -1);
+    relink();
+    EXPECT_EQ(mkdir_all("/sdcard/Tellwick/logs/new/"), -1);
+    relink();
+    EXPECT_FALSE(copyFile("/sdcard/Tellwick/config.json", "/sdcard/Tellwick/logs/b.txt"));
+    EXPECT_TRUE(canary.intact());
+}
+
+// Deep trees: a walk that recursed without a bound would overflow the stack, one that held
+// every level open would run out of descriptors.
+TEST_F(HostileStorageTest, DeepTreesEndCleanlyWithoutLeakingDescriptors) {
+    const int depth = longRun() ? 20000 : 1000;
+    auto plantDeep = [&] {
+        int fd = open(p.hostPath("/sdcard/Tellwick/").c_str(), O_RDONLY | O_DIRECTORY);
+        ASSERT_GE(fd, 0);
+        for (int i = 0; i < depth; i++) {
+            ASSERT_EQ(mkdirat(fd, "d", 0755), 0);
+            int next = openat(fd, "d", O_RDONLY | O_DIRECTORY);
+            close(fd);
+            fd = next;
+            ASSERT_GE(fd, 0);
+        }
+        int file = openat(fd, "log.txt", O_CREAT | O_WRONLY, 0644);
+        close(file);
+        close(fd);
+    };
+    const int fdsBefore = openDescriptors();
+
+    plantDeep();
+    int result = 0;
+    ASSERT_TRUE(finishesWithin([&] { result = remove_all("/sdcard/Tellwick/d"); }, 60s));
+    EXPECT_EQ(result, 0);
+    EXPECT_FALSE(p.exists("/sdcard/Tellwick/d"));
+
+    // The log deletion walks stop at a depth no log tree has, and say so.
+    plantDeep();
+    ASSERT_TRUE(
+        finishesWithin([&] { result = deleteLogFilesUnsecure("/sdcard/Tellwick", 0); }, 60s));
+    EXPECT_LT(result, 0);
+    ASSERT_TRUE(finishesWithin([&] { result = deleteUnsecureLogData("/sdcard/Tellwick"); }, 60s));
+    EXPECT_EQ(result, -1);
+    EXPECT_TRUE(p.log().contains("deleteUnsecureLogData::Failed to delete directory", kLogError));
+    EXPECT_EQ(remove_all("/sdcard/Tellwick/d"), 0);
+
+    EXPECT_EQ(openDescriptors(), fdsBefore);
+}
+
+TEST_F(HostileStorageTest, WideTreesAreEmptied) {
+    const int entries = longRun() ? 100000 : 5000;
+    const std::string folder = p.hostPath("/sdcard/Tellwick/wide");
+    auto plantWide = [&] {
+        fsys::create_directories(folder + "/sub");
+        int fd = open(folder.c_str(), O_RDONLY | O_DIRECTORY);
+        ASSERT_GE(fd, 0);
+        for (int i = 0; i < entries; i++) {
+            std::string name = (i % 2 == 0 ? "f" : "sub/f") + std::to_string(i);
+            int file = openat(fd, name.c_str(), O_CREAT | O_WRONLY, 0644);
+            ASSERT_GE(file, 0);
+            close(file);
+        }
+        close(fd);
+    };
+    const int fdsBefore = openDescriptors();
+    for (int which = 0; which < 3; which++) {
+        plantWide();
+        int result = 1;
+        ASSERT_TRUE(finishesWithin(
+            [&] {
+                if (which == 0) result = remove_all("/sdcard/Tellwick/wide");
+                if (which == 1) result = deleteLogFilesUnsecure("/sdcard/Tellwick/wide", 0);
+                if (which == 2) result = deleteUnsecureLogData("/sdcard/Tellwick/wide");
+            },
+            120s));
+        EXPECT_EQ(result, 0) << which;
+        std::error_code ec;
+        EXPECT_TRUE(!fsys::exists(folder) || fsys::is_empty(folder)) << which;
+        fsys::remove_all(folder, ec);
+    }
+    EXPECT_EQ(openDescriptors(), fdsBefore);
+}
+
+// Something that is not a file where the configuration file should be.
+class HostileConfigFileTest : public HostileStorageTest {
+  protected:
+    void SetUp() override {
+        HostileStorageTest::SetUp();
+        p.enableDebugLog();
+    }
+    std::string file() const { return p.hostPath("/sdcard/Tellwick/config.json"); }
+};
+
+TEST_F(HostileConfigFileTest, NoHangNoBlowUpAndTheLastGoodFileStays) {
+    struct Case {
+        const char* name;
+        std::function<void(const std::string&)> plant;
+        const char* readError;
+    };
+    const Case cases[] = {
+        {"fifo", [](const std::string& f) { ASSERT_EQ(mkfifo(f.c_str(), 0644), 0); },
+         "fileReader::not a regular file: /sdcard/Tellwick/config.json"},
+        {"link to /dev/zero", [](const std::string& f) { fsys::create_symlink("/dev/zero", f); },
+         "fileReader::could not open /sdcard/Tellwick/config.json: Too many levels of symbolic "
+         "links"},
+        {"link to /dev/urandom",
+         [](const std::string& f) { fsys::create_symlink("/dev/urandom", f); },
+         "fileReader::could not open /sdcard/Tellwick/config.json: Too many levels of symbolic "
+         "links"},
+        {"link outside",
+         [this](const std::string& f) { fsys::create_symlink(canary.path() + "/config.json", f); },
+         "fileReader::could not open /sdcard/Tellwick/config.json: Too many levels of symbolic "
+         "links"},
+        {"sparse 10 GiB",
+         [](const std::string& f) {
+             std::ofstream(f) << "{";
+             ASSERT_EQ(truncate(f.c_str(), 10LL << 30), 0);
+         },
+         "fileReader::file too large: /sdcard/Tellwick/config.json (10737418240 bytes)"},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.name);
+        p.log().clear();
+        std::error_code ec;
+        fsys::remove(file(), ec);
+        c.plant(file());
+
+        EXPECT_TRUE(finishesWithin([] { fileReader("/sdcard/Tellwick/config.json"); }, 10s));
+        EXPECT_TRUE(p.log().contains(c.readError, kLogError));
+        int result = 0;
+        EXPECT_TRUE(
+            finishesWithin([&] { result = loadConfigFile("/sdcard/Tellwick/config.json"); }, 10s));
+        EXPECT_TRUE(p.log().contains("config file load failed, load again", kLogError));
+        EXPECT_TRUE(finishesWithin([] { watchConfig(); }, 10s));
+        // Never written through: the link and the FIFO stay; the regular file holds the
+        // defaults again.
+        struct stat st;
+        ASSERT_EQ(lstat(file().c_str(), &st), 0);
+        if (c.name[0] == 'f') {
+            EXPECT_TRUE(S_ISFIFO(st.st_mode));
+        } else if (c.name[0] == 'l') {
+            EXPECT_TRUE(S_ISLNK(st.st_mode));
+        } else {
+            EXPECT_TRUE(S_ISREG(st.st_mode));
+            EXPECT_LT(st.st_size, 1 << 20);
+            EXPECT_EQ(p.readFile("/sdcard/Tellwick/config.json").front(), '{');
+        }
+        EXPECT_TRUE(canary.intact());
+        fsys::remove(file(), ec);
+    }
+}
+
+// Log folder values that pass a prefix test but lead elsewhere, or that hide characters.
+class LogPathTest : public HostileStorageTest {
+  protected:
+    class Named : public Module {
+      public:
+        explicit Named(const char* name) : name_(name) {}
+        int shouldLoad() override { return 0; }
+        int init(moduleConfig&) override { return 0; }
+        int start(moduleConfig) override { return 0; }
+        int systemTimeChange() override { return 0; }
+        int prestop() override { return 0; }
+        int stop() override { return 0; }
+        const char* getName() override { return name_; }
+        const char* getVersion() override { return "14.0.0.1"; }
+        int configVal(moduleConfig&, std::vector<std::string>&) override { return 0; }
+        int logcatEOFStatus() override { return 0; }
+
+      private:
+        const char* name_;
+    };
+    Module::config& addPath(const std::string& value) {
+        modules_.push_back(std::make_unique<Named>("ANRModule"));
+        moduleRegistry.emplace_back(modules_.back().get());
+        Module::config c = {};
+        c.name = "Log Path";
+        c.type = "string";
+        snprintf(c.defaultValue, sizeof(c.defaultValue), "%s", "/sdcard/Tellwick/anr/");
+        snprintf(c.value, sizeof(c.value), "%s", value.c_str());
+        moduleRegistry.back().settings.configs.push_back(c);
+        return moduleRegistry.back().settings.configs.back();
+    }
+    std::vector<std::unique_ptr<Named>> modules_;
+};
+
+TEST_F(LogPathTest, ValuesLeadingElsewhereAreMovedToTheModuleFolder) {
+    const std::string hostile[] = {
+        "/sdcard/../../etc/",
+        "/sdcard/Tellwick/../../../etc/",
+        "/sdcard/..",
+        "/storage/emulated/0/..",
+        "/data/",
+        "/sdcard/Tellwick/anr\n/",
+        "/sdcard/Tellwick/\x01x/",
+        "/sdcard/Tellwick/anr\x7f/",
+        "/sdcard/Tellwick/\xE2\x80\x8B"
+        "anr/",
+        "/sdcard/Tellwick/anr/\xEF\xBB\xBF",
+        "/sdcard/Tellwick/anr/ ",
+        "/sdcard/Tellwick/ anr/",
+        "/sdcard/Tellwick/\xC2\xA0/",
+    };
+    const std::string kept[] = {
+        "/sdcard/Tellwick/anr/",  "/sdcard/Tellwick/my logs/", "/sdcard/Tellwick/caf\xC3\xA9/",
+        "/sdcard/Tellwick/a..b/", "/sdcard/Tellwick/./anr/",
+    };
+    for (bool viaDefaults : {false, true}) {
+        for (const std::string& value : hostile) {
+            SCOPED_TRACE(::testing::PrintToString(value) + (viaDefaults ? " defaults" : " doc"));
+            moduleRegistry.clear();
+            Module::config& c = addPath(value);
+            if (viaDefaults) {
+                resetConfigFileForTesting();
+                updateConfigDefault(false);
+            } else {
+                free(getConfig());
+            }
+            EXPECT_STREQ(c.value, "/sdcard/Tellwick/anr/");
+            EXPECT_TRUE(isCleanLogPath(c.value));
+        }
+        for (const std::string& value : kept) {
+            SCOPED_TRACE(value + (viaDefaults ? " defaults" : " doc"));
+            moduleRegistry.clear();
+            Module::config& c = addPath(value);
+            if (viaDefaults) {
+                updateConfigDefault(false);
+            } else {
+                free(getConfig());
+            }
+            EXPECT_EQ(c.value, value);
+        }
+    }
+    // Persisted log file paths go through the same test.
+    EXPECT_EQ(persistLogPathUpdate(false, "/sdcard/../etc/x", "/sdcard/"),
+              "/sdcard/Tellwick/persist/");
+    EXPECT_EQ(persistLogPathUpdate(true, "/sdcard/Tellwick/persist/bootlog", "/sdcard/"),
+              "/sdcard/Tellwick/persist/bootlog");
+}
+
+}  // namespace
