@@ -16,12 +16,15 @@
 #include "core/daemon_state.h"
 #include "core/log.h"
 #include "core/module_registry.h"
+#include "fakes/fake_module.h"
 #include "fakes/test_platform.h"
 #include "standin/standin_service.h"
 
 namespace {
 
 using namespace std::chrono_literals;
+using vigild::testing::FakeModule;
+using vigild::testing::registerModule;
 using vigild::testing::TestPlatform;
 
 constexpr const char* kTool = "/system/bin/bugreportz";
@@ -232,30 +235,12 @@ TEST_F(BugreportTest, WorkerStartsNothingWhileThePropertyIsNotTrue) {
     EXPECT_TRUE(service.bugreportStatuses().empty());
 }
 
-class RecoveryModule : public Module {
-  public:
-    int shouldLoad() override { return 0; }
-    int init(moduleConfig&) override { return 0; }
-    int start(moduleConfig) override { return starts++, 0; }
-    int systemTimeChange() override { return 0; }
-    int prestop() override { return stops++, 0; }
-    int stop() override { return stops++, 0; }
-    const char* getName() override { return name; }
-    const char* getVersion() override { return "14.0.0.1"; }
-    int configVal(moduleConfig&, std::vector<std::string>&) override { return 0; }
-    int logcatEOFStatus() override { return 0; }
-    const char* name = "RecoveryModule";
-    int starts = 0;
-    int stops = 0;
-};
-
 TEST(CopyRecoveryLogsTest, StartsAnEnabledRecoveryModuleOnlyWhileRunning) {
     TestPlatform p;
     p.enableDebugLog();
-    RecoveryModule recovery, other;
-    other.name = "recoveryModule";
-    moduleRegistry.emplace_back(&other);
-    moduleRegistry.emplace_back(&recovery);
+    FakeModule recovery{"RecoveryModule"}, other{"recoveryModule"};
+    registerModule(other);
+    registerModule(recovery);
 
     const struct {
         int state;
@@ -278,6 +263,7 @@ TEST(CopyRecoveryLogsTest, StartsAnEnabledRecoveryModuleOnlyWhileRunning) {
         EXPECT_EQ(p.log().contains("copyRecoveryLogs()- MODULE_CONFIG_ENABLE enable#1: 1"),
                   c.starts == 1);
     }
+    EXPECT_EQ(recovery.prestops, 0);
     EXPECT_EQ(recovery.stops, 0);
     EXPECT_EQ(other.starts, 0);
 }

@@ -19,6 +19,7 @@
 #include "core/log.h"
 #include "core/module_registry.h"
 #include "core/run_state.h"
+#include "fakes/fake_module.h"
 #include "fakes/test_platform.h"
 #include "service/ivd_service.h"
 #include "standin/standin_service.h"
@@ -26,26 +27,9 @@
 namespace {
 
 using namespace std::chrono_literals;
+using vigild::testing::FakeModule;
+using vigild::testing::registerModule;
 using vigild::testing::TestPlatform;
-
-class CountingModule : public Module {
-  public:
-    explicit CountingModule(const char* name) : name_(name) {}
-    int shouldLoad() override { return 0; }
-    int init(moduleConfig&) override { return 0; }
-    int start(moduleConfig) override { return starts++, 0; }
-    int systemTimeChange() override { return timeChanges++, 0; }
-    int prestop() override { return 0; }
-    int stop() override { return stops++, 0; }
-    const char* getName() override { return name_; }
-    const char* getVersion() override { return "14.0.0.1"; }
-    int configVal(moduleConfig&, std::vector<std::string>&) override { return 0; }
-    int logcatEOFStatus() override { return 0; }
-    std::atomic<int> starts{0}, stops{0}, timeChanges{0};
-
-  private:
-    const char* name_;
-};
 
 bool hasMethod(const vdstandin::StandinService& s, const std::string& method) {
     for (const auto& r : s.records()) {
@@ -60,16 +44,16 @@ class CommandLoopTest : public ::testing::Test {
         resetRunStateForTesting();
         p.enableDebugLog();
         p.makeDir("/sdcard/Tellwick");
-        moduleRegistry.emplace_back(&a);
-        moduleRegistry.emplace_back(&recovery);
+        registerModule(a);
+        registerModule(recovery);
         ASSERT_TRUE(service.start());
     }
     const char* enableA() { return moduleRegistry[0].settings.configs[0].value; }
 
     TestPlatform p;
     vdstandin::StandinService service{p.root()};
-    CountingModule a{"A"};
-    CountingModule recovery{"RecoveryModule"};
+    FakeModule a{"A"};
+    FakeModule recovery{"RecoveryModule"};
 };
 
 TEST_F(CommandLoopTest, EveryCommandOfTheTableRunsItsAction) {

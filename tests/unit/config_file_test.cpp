@@ -28,34 +28,20 @@
 #include "core/daemon_state.h"
 #include "core/log.h"
 #include "core/module_registry.h"
+#include "fakes/fake_module.h"
 #include "fakes/test_platform.h"
 #include "standin/standin_service.h"
 
 namespace {
 
+using vigild::testing::FakeModules;
+using vigild::testing::makeSetting;
+using vigild::testing::setting;
 using vigild::testing::TestPlatform;
 
 constexpr const char* kConfigPath = "/sdcard/Tellwick/config.json";
 constexpr const char* kSecureCopy =
     "/sdcard/Android/data/com.tandril.tellwick/Tellwick/secure/log_data/config.json";
-
-class FakeModule : public Module {
-  public:
-    explicit FakeModule(const char* name) : name_(name) {}
-    int shouldLoad() override { return 0; }
-    int init(moduleConfig&) override { return 0; }
-    int start(moduleConfig) override { return 0; }
-    int systemTimeChange() override { return 0; }
-    int prestop() override { return 0; }
-    int stop() override { return 0; }
-    const char* getName() override { return name_; }
-    const char* getVersion() override { return "14.0.0.1"; }
-    int configVal(moduleConfig&, std::vector<std::string>&) override { return 0; }
-    int logcatEOFStatus() override { return 0; }
-
-  private:
-    const char* name_;
-};
 
 // Names must outlive the registry.
 const std::vector<std::string>& blobNames() {
@@ -74,20 +60,9 @@ class ConfigFileTest : public ::testing::Test {
         resetConfigFileForTesting();
     }
 
-    void addModule(const char* name) {
-        modules_.push_back(std::make_unique<FakeModule>(name));
-        moduleRegistry.emplace_back(modules_.back().get());
-    }
+    void addModule(const char* name) { modules_.add(name); }
     void addSetting(const char* name, const char* type, const char* value) {
-        Module::config c = {};
-        c.name = name;
-        c.type = type;
-        strcpy(c.defaultValue, value);
-        strcpy(c.value, value);
-        moduleRegistry.back().settings.configs.push_back(c);
-    }
-    Module::config& setting(size_t entry, size_t index) {
-        return moduleRegistry[entry].settings.configs[index];
+        moduleRegistry.back().settings.configs.push_back(makeSetting(name, type, value));
     }
     // The registry's document with every setting after "Enable Module" set to `value`.
     static std::string documentOf(const std::string& value) {
@@ -127,7 +102,7 @@ class ConfigFileTest : public ::testing::Test {
     }
 
     TestPlatform p_;
-    std::vector<std::unique_ptr<FakeModule>> modules_;
+    FakeModules modules_;
 };
 
 TEST_F(ConfigFileTest, SaveRewritesTheFileInPlaceAndLeavesNoCopyBehind) {

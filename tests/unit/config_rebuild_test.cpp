@@ -14,34 +14,17 @@
 #include "core/daemon_state.h"
 #include "core/log.h"
 #include "core/module_registry.h"
+#include "fakes/fake_module.h"
 #include "fakes/test_platform.h"
 #include "quicktap/quicktap.h"
 
 namespace {
 
+using vigild::testing::FakeModule;
+using vigild::testing::FakeModules;
+using vigild::testing::makeSetting;
+using vigild::testing::setting;
 using vigild::testing::TestPlatform;
-
-class FakeModule : public Module {
-  public:
-    explicit FakeModule(const char* name) : name_(name) {}
-    int shouldLoad() override { return 0; }
-    int init(moduleConfig&) override { return 0; }
-    int start(moduleConfig) override { return 0; }
-    int systemTimeChange() override { return 0; }
-    int prestop() override { return 0; }
-    int stop() override { return 0; }
-    const char* getName() override { return name_; }
-    const char* getVersion() override { return "14.0.0.1"; }
-    int configVal(moduleConfig&, std::vector<std::string>&) override {
-        judged++;
-        return 0;
-    }
-    int logcatEOFStatus() override { return 0; }
-    int judged = 0;
-
-  private:
-    const char* name_;
-};
 
 // One setting object of a document.
 std::string entry(const char* name, const char* type, const char* value) {
@@ -78,23 +61,11 @@ class ConfigRebuildTest : public ::testing::Test {
                    {"0", "1800", "3600", "7200", "10800", "14400"});
     }
 
-    FakeModule* addModule(const char* name) {
-        modules_.push_back(std::make_unique<FakeModule>(name));
-        moduleRegistry.emplace_back(modules_.back().get());
-        return modules_.back().get();
-    }
+    FakeModule* addModule(const char* name) { return &modules_.add(name); }
     void addSetting(const char* name, const char* type, const char* value,
                     std::vector<const char*> options = {}) {
-        Module::config c = {};
-        c.name = name;
-        c.type = type;
-        strcpy(c.defaultValue, value);
-        strcpy(c.value, value);
-        c.options = std::move(options);
-        moduleRegistry.back().settings.configs.push_back(c);
-    }
-    Module::config& setting(size_t entry, size_t index) {
-        return moduleRegistry[entry].settings.configs[index];
+        moduleRegistry.back().settings.configs.push_back(
+            makeSetting(name, type, value, std::move(options)));
     }
 
     std::string alphaModule(const char* count = "5", const char* path = "/sdcard/Tellwick/anr/") {
@@ -109,7 +80,7 @@ class ConfigRebuildTest : public ::testing::Test {
     }
 
     TestPlatform p_;
-    std::vector<std::unique_ptr<FakeModule>> modules_;
+    FakeModules modules_;
     FakeModule* alpha_ = nullptr;
     FakeModule* quickTap_ = nullptr;
 };

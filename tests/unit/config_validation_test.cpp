@@ -16,35 +16,17 @@
 #include "core/daemon_state.h"
 #include "core/log.h"
 #include "core/module_registry.h"
+#include "fakes/fake_module.h"
 #include "fakes/test_platform.h"
 #include "standin/standin_service.h"
 
 namespace {
 
+using vigild::testing::FakeModule;
+using vigild::testing::FakeModules;
+using vigild::testing::makeSetting;
+using vigild::testing::setting;
 using vigild::testing::TestPlatform;
-
-class FakeModule : public Module {
-  public:
-    explicit FakeModule(const char* name) : name_(name) {}
-    int shouldLoad() override { return 0; }
-    int init(moduleConfig&) override { return 0; }
-    int start(moduleConfig) override { return 0; }
-    int systemTimeChange() override { return 0; }
-    int prestop() override { return 0; }
-    int stop() override { return 0; }
-    const char* getName() override { return name_; }
-    const char* getVersion() override { return "14.0.0.1"; }
-    int configVal(moduleConfig&, std::vector<std::string>& errors) override {
-        errors.insert(errors.end(), objections.begin(), objections.end());
-        return 0;
-    }
-    int logcatEOFStatus() override { return 0; }
-
-    std::vector<std::string> objections;
-
-  private:
-    const char* name_;
-};
 
 struct JsonRelease {
     void operator()(json_t* j) const { json_decref(j); }
@@ -64,23 +46,11 @@ class ConfigValidationTest : public ::testing::Test {
         addSetting(1, "Enable internal sdcard only", "boolean", "false");
     }
 
-    FakeModule* addModule(const char* name) {
-        modules_.push_back(std::make_unique<FakeModule>(name));
-        moduleRegistry.emplace_back(modules_.back().get());
-        return modules_.back().get();
-    }
+    FakeModule* addModule(const char* name) { return &modules_.add(name); }
     void addSetting(size_t entry, const char* name, const char* type, const char* value,
                     std::vector<const char*> options = {}) {
-        Module::config c = {};
-        c.name = name;
-        c.type = type;
-        strcpy(c.defaultValue, value);
-        strcpy(c.value, value);
-        c.options = std::move(options);
-        moduleRegistry[entry].settings.configs.push_back(c);
-    }
-    Module::config& setting(size_t entry, size_t index) {
-        return moduleRegistry[entry].settings.configs[index];
+        moduleRegistry[entry].settings.configs.push_back(
+            makeSetting(name, type, value, std::move(options)));
     }
 
     // The document of the registry as it stands, built independently of the daemon.
@@ -121,7 +91,7 @@ class ConfigValidationTest : public ::testing::Test {
     bool errorLogged(const std::string& text) { return p_.log().contains(text, kLogError); }
 
     TestPlatform p_;
-    std::vector<std::unique_ptr<FakeModule>> modules_;
+    FakeModules modules_;
     FakeModule* alpha_ = nullptr;
     FakeModule* beta_ = nullptr;
 };

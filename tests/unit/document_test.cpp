@@ -10,41 +10,15 @@
 #include "core/builtin_modules.h"
 #include "core/log.h"
 #include "core/module_registry.h"
+#include "fakes/fake_module.h"
 #include "fakes/test_platform.h"
 #include "standin/standin_service.h"
 
+using vigild::testing::FakeModules;
+using vigild::testing::makeSetting;
 using vigild::testing::TestPlatform;
 
 namespace {
-
-class NamedModule : public Module {
-  public:
-    explicit NamedModule(const char* name) : name_(name) {}
-    int shouldLoad() override { return 0; }
-    int init(moduleConfig&) override { return 0; }
-    int start(moduleConfig) override { return 0; }
-    int systemTimeChange() override { return 0; }
-    int prestop() override { return 0; }
-    int stop() override { return 0; }
-    const char* getName() override { return name_; }
-    const char* getVersion() override { return "14.0.0.1"; }
-    int configVal(moduleConfig&, std::vector<std::string>&) override { return 0; }
-    int logcatEOFStatus() override { return 0; }
-
-  private:
-    const char* name_;
-};
-
-Module::config setting(const char* name, const char* type, const char* value,
-                       std::vector<const char*> options = {}) {
-    Module::config c = {};
-    c.name = name;
-    c.type = type;
-    snprintf(c.defaultValue, sizeof(c.defaultValue), "%s", value);
-    snprintf(c.value, sizeof(c.value), "%s", value);
-    c.options = std::move(options);
-    return c;
-}
 
 // getConfig's text, freed here.
 std::string document() {
@@ -59,14 +33,13 @@ class DocumentTest : public ::testing::Test {
   protected:
     // Registers a module whose settings are "Enable Module" plus `extra`.
     modulePair& add(const char* name, std::vector<Module::config> extra = {}) {
-        modules_.push_back(std::make_unique<NamedModule>(name));
-        moduleRegistry.emplace_back(modules_.back().get());
+        modules_.add(name);
         for (Module::config& c : extra) moduleRegistry.back().settings.configs.push_back(c);
         return moduleRegistry.back();
     }
 
     TestPlatform p;
-    std::vector<std::unique_ptr<NamedModule>> modules_;
+    FakeModules modules_;
 };
 
 TEST_F(DocumentTest, AnEmptyRegistryIsAnEmptyObject) { EXPECT_EQ(document(), "{}"); }
@@ -75,8 +48,9 @@ TEST_F(DocumentTest, KnownRegistryGivesTheExactText) {
     VigildModule daemon;
     moduleRegistry.emplace_back(&daemon);
     daemon.init(moduleRegistry.back().settings);
-    add("Net", {setting("Buffer", "int", "256"), setting("Level", "list", "1", {"low", "high"}),
-                setting("Label", "string", "say \"hi\"\\")});
+    add("Net",
+        {makeSetting("Buffer", "int", "256"), makeSetting("Level", "list", "1", {"low", "high"}),
+         makeSetting("Label", "string", "say \"hi\"\\")});
     add("Empty").settings.configs.clear();
     p.enableDebugLog();
 
@@ -104,7 +78,7 @@ TEST_F(DocumentTest, KnownRegistryGivesTheExactText) {
 
 TEST_F(DocumentTest, ACutCharacterDoesNotDropTheValue) {
     // "é" cut after its first byte, as a 255-byte copy may leave it.
-    add("Cut", {setting("Note", "string", "caf\xc3")});
+    add("Cut", {makeSetting("Note", "string", "caf\xc3")});
     EXPECT_NE(document().find("\"name\": \"Note\", \"type\": \"string\", \"value\": \"caf?\""),
               std::string::npos);
 }
@@ -144,7 +118,7 @@ TEST_F(PathCheckTest, InternalRoot) {
         {"Gone", "Log Path", "string", "/storage/1A2B-3C4D/Tellwick/", "/sdcard/Tellwick/"},
         {"", "Log Path", "string", "/data/y/", "/data/y/"},
     };
-    for (const Row& row : rows) add(row.module, {setting(row.name, row.type, row.value)});
+    for (const Row& row : rows) add(row.module, {makeSetting(row.name, row.type, row.value)});
 
     std::string text = document();
     for (size_t i = 0; i < std::size(rows); i++) {
@@ -166,9 +140,9 @@ TEST_F(PathCheckTest, InternalRoot) {
 TEST_F(PathCheckTest, CardRoot) {
     useCardRoot();
     p.makeDir("/sdcard/Tellwick/anr/");
-    add("ANRModule", {setting("Log Path", "string", "/storage/1A2B-3C4D/Tellwick/anr/")});
-    add("TCPDumpModule", {setting("Log Path", "string", "/sdcard/Tellwick/anr/")});
-    add("RamoopsModule", {setting("Log Path", "string", "/storage/9999-0000/Tellwick/")});
+    add("ANRModule", {makeSetting("Log Path", "string", "/storage/1A2B-3C4D/Tellwick/anr/")});
+    add("TCPDumpModule", {makeSetting("Log Path", "string", "/sdcard/Tellwick/anr/")});
+    add("RamoopsModule", {makeSetting("Log Path", "string", "/storage/9999-0000/Tellwick/")});
     document();
     EXPECT_STREQ(moduleRegistry[0].settings.configs[1].value, "/storage/1A2B-3C4D/Tellwick/anr/");
     EXPECT_STREQ(moduleRegistry[1].settings.configs[1].value,
@@ -198,8 +172,8 @@ TEST_F(DocumentTest, SendConfigSendsTheDocumentInForceAndReleasesTheLock) {
     p.makeDir("/sdcard/Tellwick/");
     p.enableDebugLog();
     // Moved by the path check while the document is built: the service gets the moved value.
-    add("ANRModule", {setting("Log Path", "string", "/data/anr/")});
-    add("Net", {setting("Level", "list", "1", {"low", "high"})});
+    add("ANRModule", {makeSetting("Log Path", "string", "/data/anr/")});
+    add("Net", {makeSetting("Level", "list", "1", {"low", "high"})});
 
     sendConfig();
     sendConfig();

@@ -23,6 +23,7 @@
 #include "core/log.h"
 #include "core/module_registry.h"
 #include "core/run_state.h"
+#include "fakes/fake_module.h"
 #include "fakes/test_platform.h"
 #include "quicktap/quicktap.h"
 #include "standin/standin_service.h"
@@ -30,6 +31,8 @@
 namespace {
 
 using namespace std::chrono_literals;
+using vigild::testing::FakeModule;
+using vigild::testing::registerModule;
 using vigild::testing::TestPlatform;
 
 constexpr const char* kInternalFile = "/sdcard/Tellwick/config.json";
@@ -38,28 +41,6 @@ constexpr const char* kCardFile = "/storage/1A2B-3C4D/Tellwick/config.json";
 constexpr const char* kReloadLine =
     "vigild::watchConfigFileChange::needs to reload the config file";
 constexpr const char* kFlagLine = "vigild::moduleRestartNeeded::Tellwick folder deleted";
-
-// A library-like module with one int setting, counting its starts.
-class CountingModule : public Module {
-  public:
-    int shouldLoad() override { return 0; }
-    int init(moduleConfig& settings) override {
-        addConfigInt(settings, "Level", const_cast<char*>("1"));
-        return 0;
-    }
-    int start(moduleConfig) override {
-        starts++;
-        return 0;
-    }
-    int systemTimeChange() override { return 0; }
-    int prestop() override { return 0; }
-    int stop() override { return 0; }
-    const char* getName() override { return "Counting"; }
-    const char* getVersion() override { return "14.0.0.1"; }
-    int configVal(moduleConfig&, std::vector<std::string>&) override { return 0; }
-    int logcatEOFStatus() override { return 0; }
-    std::atomic<int> starts{0};
-};
 
 std::string currentConfig() {
     char* text = getConfig();
@@ -104,7 +85,11 @@ class FileWatchTest : public ::testing::Test {
         resetRunStateForTesting();
         p.enableDebugLog();
         moduleRegistry.emplace_back(&vigildModule);
-        moduleRegistry.emplace_back(&counting);
+        // A library-like module with one int setting.
+        counting.onInit = [](FakeModule& self, Module::moduleConfig& settings) {
+            self.addConfigInt(settings, "Level", const_cast<char*>("1"));
+        };
+        registerModule(counting);
         for (modulePair& entry : moduleRegistry) entry.module->init(entry.settings);
     }
 
@@ -147,7 +132,7 @@ class FileWatchTest : public ::testing::Test {
 
     TestPlatform p;
     VigildModule vigildModule;
-    CountingModule counting;
+    FakeModule counting{"Counting"};
     std::unique_ptr<vdstandin::StandinService> service;
 };
 

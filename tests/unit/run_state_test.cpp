@@ -6,7 +6,6 @@
 
 #include <cstring>
 #include <memory>
-#include <mutex>
 #include <optional>
 #include <string>
 #include <vector>
@@ -14,54 +13,15 @@
 #include "core/daemon_state.h"
 #include "core/log.h"
 #include "core/module_registry.h"
+#include "fakes/fake_module.h"
 #include "fakes/test_platform.h"
 #include "standin/standin_service.h"
 
 namespace {
 
+using vigild::testing::FakeModules;
+using vigild::testing::Journal;
 using vigild::testing::TestPlatform;
-
-class Journal {
-  public:
-    void add(const std::string& event) {
-        std::lock_guard<std::mutex> lock(mutex_);
-        events_.push_back(event);
-    }
-    std::vector<std::string> events() const {
-        std::lock_guard<std::mutex> lock(mutex_);
-        return events_;
-    }
-    void clear() {
-        std::lock_guard<std::mutex> lock(mutex_);
-        events_.clear();
-    }
-
-  private:
-    mutable std::mutex mutex_;
-    std::vector<std::string> events_;
-};
-
-class RecordingModule : public Module {
-  public:
-    RecordingModule(std::string name, Journal& journal) : name_(std::move(name)), j_(journal) {}
-    int shouldLoad() override { return 0; }
-    int init(moduleConfig&) override { return 0; }
-    int start(moduleConfig settings) override {
-        j_.add(name_ + ":start:" + std::to_string(settings.configs.size()));
-        return 0;
-    }
-    int systemTimeChange() override { return j_.add(name_ + ":time"), 0; }
-    int prestop() override { return j_.add(name_ + ":prestop"), 0; }
-    int stop() override { return j_.add(name_ + ":stop"), 0; }
-    const char* getName() override { return name_.c_str(); }
-    const char* getVersion() override { return "14.0.0.1"; }
-    int configVal(moduleConfig&, std::vector<std::string>&) override { return 0; }
-    int logcatEOFStatus() override { return 0; }
-
-  private:
-    std::string name_;
-    Journal& j_;
-};
 
 class RunStateTest : public ::testing::Test {
   protected:
@@ -75,9 +35,8 @@ class RunStateTest : public ::testing::Test {
 
     // Registers a module; `enabled` sets its "Enable Module" value.
     modulePair& add(const std::string& name, bool enabled = true) {
-        modules.push_back(std::make_unique<RecordingModule>(name, journal));
-        moduleRegistry.emplace_back(modules.back().get());
-        setEnabled(moduleRegistry.back(), enabled);
+        // A start is journaled with the number of settings it was handed.
+        modules.add(name, enabled ? "true" : "false").journalTo(&journal, true);
         return moduleRegistry.back();
     }
     static void setEnabled(modulePair& entry, bool enabled) {
@@ -87,7 +46,7 @@ class RunStateTest : public ::testing::Test {
     TestPlatform p;
     vdstandin::StandinService service{p.root()};
     Journal journal;
-    std::vector<std::unique_ptr<RecordingModule>> modules;
+    FakeModules modules;
 };
 
 using Events = std::vector<std::string>;

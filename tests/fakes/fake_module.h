@@ -1,0 +1,96 @@
+// An in-process module for tests that need the registry filled without loading a library:
+// it counts its calls, can write them to a journal, hands out objections and an end-of-file
+// answer, and keeps the settings it was last started with. Plus small helpers to build
+// setting records and register modules.
+#pragma once
+
+#include <atomic>
+#include <cstddef>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "core/module_registry.h"
+#include "vigild/module.h"
+
+namespace vigild::testing {
+
+// Events in the order they happened, written from any thread.
+class Journal {
+  public:
+    void add(const std::string& event);
+    std::vector<std::string> events() const;
+    void clear();
+
+  private:
+    mutable std::mutex mutex_;
+    std::vector<std::string> events_;
+};
+
+class FakeModule : public Module {
+  public:
+    explicit FakeModule(std::string name, std::string version = "14.0.0.1");
+
+    int shouldLoad() override { return 0; }
+    int init(moduleConfig& settings) override;
+    int start(moduleConfig settings) override;
+    int systemTimeChange() override;
+    int prestop() override;
+    int stop() override;
+    const char* getName() override { return name_.c_str(); }
+    const char* getVersion() override { return version_.c_str(); }
+    int configVal(moduleConfig& settings, std::vector<std::string>& errors) override;
+    int logcatEOFStatus() override;
+
+    // Writes "Name:start", "Name:time", "Name:prestop", "Name:stop" and "Name:eof?" to
+    // `journal` (not owned; null for none). With `withSettingsCount` a start is written as
+    // "Name:start:N", N the number of settings it was given.
+    void journalTo(Journal* journal, bool withSettingsCount = false);
+    // The settings of the last start() (empty before the first).
+    moduleConfig lastStartSettings() const;
+
+    std::atomic<int> starts{0}, prestops{0}, stops{0}, timeChanges{0}, judged{0};
+    // Appended to the errors of every configVal().
+    std::vector<std::string> objections;
+    // What logcatEOFStatus() answers: true is 1.
+    std::atomic<bool> eof{false};
+    // Runs in init(), e.g. to declare settings with the add helpers.
+    std::function<void(FakeModule& self, moduleConfig& settings)> onInit;
+
+  private:
+    void note(const std::string& event);
+
+    std::string name_;
+    std::string version_;
+    Journal* journal_ = nullptr;
+    bool withSettingsCount_ = false;
+    mutable std::mutex startMutex_;
+    moduleConfig lastStart_{};
+};
+
+// A setting record whose value and default are `value` (cut to fit the buffers).
+Module::config makeSetting(const char* name, const char* type, const char* value,
+                           std::vector<const char*> options = {});
+
+// Appends `module` to moduleRegistry with its "Enable Module" set to `enable`; returns the
+// new entry (valid until the registry grows).
+modulePair& registerModule(Module& module, const char* enable = "true");
+
+// Setting `index` of registry entry `entry`.
+Module::config& setting(size_t entry, size_t index);
+
+// Owns the fake modules of one test, which the registry only points to.
+class FakeModules {
+  public:
+    // Creates a module named `name` and registers it with "Enable Module" at `enable`.
+    FakeModule& add(const std::string& name, const char* enable = "true");
+    FakeModule& operator[](size_t i) { return *modules_[i]; }
+    size_t size() const { return modules_.size(); }
+
+  private:
+    std::vector<std::unique_ptr<FakeModule>> modules_;
+};
+
+}  // namespace vigild::testing
