@@ -5,6 +5,7 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <stdio.h>
+#include <sys/mount.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -275,6 +276,52 @@ TEST_F(HostileStorageTest, WideTreesAreEmptied) {
         fsys::remove_all(folder, ec);
     }
     EXPECT_EQ(openDescriptors(), fdsBefore);
+}
+
+// The card pulled out (its folder removed) while an archive is copied onto it: the copy ends
+// either way, holds nothing open afterwards and recreates nothing anywhere.
+TEST_F(HostileStorageTest, CardRemovedDuringACopy) {
+    p.writeFile("/bugreports/bugreport-big.zip", std::string(4 << 20, 'z'));
+    const std::string card = p.hostPath("/storage/1A2B-3C4D");
+    const int fdsBefore = openDescriptors();
+    int copied = 0;
+    for (int i = 0; i < 20; i++) {
+        fsys::create_directories(card + "/Tellwick");
+        std::atomic<bool> stop{false};
+        std::thread remover([&] {
+            std::error_code ec;
+            while (!stop.load() && fsys::exists(card, ec)) fsys::remove_all(card, ec);
+        });
+        ASSERT_TRUE(finishesWithin(
+            [&] {
+                copied += copyFile("/bugreports/bugreport-big.zip",
+                                   "/storage/1A2B-3C4D/Tellwick/TwBugreport-big.zip");
+            },
+            30s));
+        stop = true;
+        remover.join();
+        std::error_code ec;
+        fsys::remove_all(card, ec);
+    }
+    std::set<std::string> top;
+    for (const auto& e : fsys::directory_iterator(p.root())) top.insert(e.path().filename());
+    EXPECT_EQ(top, (std::set<std::string>{"bugreports", "sdcard", "storage"}));
+    EXPECT_EQ(p.readFile("/bugreports/bugreport-big.zip").size(), 4u << 20);
+    EXPECT_EQ(openDescriptors(), fdsBefore);
+    RecordProperty("copies_finished_before_removal", copied);
+}
+
+TEST_F(HostileStorageTest, FullDiskFailsTheCopy) {
+    const std::string mountPoint = p.hostPath("/sdcard/Tellwick");
+    if (mount("tmpfs", mountPoint.c_str(), "tmpfs", 0, "size=64k") != 0) {
+        GTEST_SKIP() << "cannot mount a small tmpfs here: " << strerror(errno);
+    }
+    p.enableDebugLog();
+    p.writeFile("/bugreports/bugreport-big.zip", std::string(1 << 20, 'z'));
+    EXPECT_FALSE(copyFile("/bugreports/bugreport-big.zip", "/sdcard/Tellwick/TwBugreport-big.zip"));
+    EXPECT_TRUE(p.log().contains(
+        "Error: Could not copy file contents to: /sdcard/Tellwick/TwBugreport-big.zip", kLogDebug));
+    umount2(mountPoint.c_str(), MNT_DETACH);
 }
 
 // Something that is not a file where the configuration file should be.
