@@ -211,9 +211,13 @@ std::string takeLeftConfigCopy(const char* path) {
 
 void resetAndUpdateConfig() {
     LOGD("resetAndUpdateConfig:BEGIN");
-    for (modulePair& entry : moduleRegistry) {
-        for (Module::config& c : entry.settings.configs)
-            memcpy(c.value, c.defaultValue, sizeof(c.value));
+    {
+        // Other threads read the values under the lock.
+        std::lock_guard<std::mutex> lock(configMutex);
+        for (modulePair& entry : moduleRegistry) {
+            for (Module::config& c : entry.settings.configs)
+                memcpy(c.value, c.defaultValue, sizeof(c.value));
+        }
     }
     std::string path = configFilePath(getDefaultDirectory());
     {
@@ -262,7 +266,11 @@ void updateConfigDefault(bool force) {
 
     for (modulePair& entry : moduleRegistry) {
         const char* moduleName = entry.module->getName();
-        for (Module::config& c : entry.settings.configs) {
+        // Corrected on a copy: the checks below read properties and storage, which must not
+        // run under configMutex.
+        const Module::moduleConfig before = copySettings(entry);
+        Module::moduleConfig work = before;
+        for (Module::config& c : work.configs) {
             const char* name = orEmpty(c.name);
             if (strcasecmp(name, "Persist logpath") == 0 ||
                 strcasecmp(name, "Persist Boot log filename") == 0) {
@@ -327,6 +335,7 @@ void updateConfigDefault(bool force) {
                 save = true;
             }
         }
+        storeChangedValues(entry, before, work);
     }
 
     const std::string file = configFilePath(root);

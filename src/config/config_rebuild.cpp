@@ -18,6 +18,7 @@
 #include "core/daemon_state.h"
 #include "core/log.h"
 #include "core/module_registry.h"
+#include "core/run_state.h"
 #include "quicktap/quicktap.h"
 #include "storage/storage_root.h"
 #include "storage/utility.h"
@@ -170,7 +171,12 @@ int makeUpdateConfig(const char* text) {
             rebuild.result = -1;
             continue;
         }
-        for (Module::config& setting : entry.settings.configs) {
+        // Applied to a copy: a value may call out (properties, a path check that saves) while
+        // other threads read the settings under configMutex.
+        const Module::moduleConfig before = copySettings(entry);
+        Module::moduleConfig changed = before;
+        bool nameless = false;
+        for (Module::config& setting : changed.configs) {
             bool found = false;
             for (size_t i = 0; i < json_array_size(settings); i++) {
                 const json_t* received = json_array_get(settings, i);
@@ -178,21 +184,30 @@ int makeUpdateConfig(const char* text) {
                 if (type == nullptr) continue;
                 const char* name = stringMember(received, "name");
                 // A nameless entry makes the whole file suspect: the call ends here.
-                if (name == nullptr) return -1;
+                if (name == nullptr) {
+                    nameless = true;
+                    break;
+                }
                 if (strcmp(name, orEmpty(setting.name)) != 0 ||
                     strcmp(type, orEmpty(setting.type)) != 0) {
                     continue;
                 }
                 const char* value = stringMember(received, "value");
-                if (value == nullptr) return -1;
+                if (value == nullptr) {
+                    nameless = true;
+                    break;
+                }
                 found = true;
                 rebuild.apply(entry, setting, value);
             }
+            if (nameless) break;
             if (!found) {
                 LOGD("did not find setting");
                 rebuild.result = 1;
             }
         }
+        storeChangedValues(entry, before, changed);
+        if (nameless) return -1;
     }
     moduleValConfig(0);
     LOGD("makeUpdateConfig :END");

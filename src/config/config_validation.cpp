@@ -10,6 +10,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <memory>
+#include <mutex>
 #include <string>
 #include <vector>
 
@@ -174,6 +175,8 @@ void updateConfig(const char* text) {
     internalSdcardOnlyChanged = 0;
     btSnoopConfigChanged = false;
     JsonPtr document(text != nullptr ? json_loads(text, 0, nullptr) : nullptr);
+    // The end-of-file monitor and the file watch read these values on their own threads.
+    std::lock_guard<std::mutex> lock(configMutex);
     for (modulePair& entry : moduleRegistry) {
         const char* moduleName = entry.module->getName();
         LOGD("module is %s", moduleName);
@@ -217,7 +220,11 @@ int moduleValConfig(int mode) {
     std::vector<std::string> errors;
     for (modulePair& entry : moduleRegistry) {
         errors.clear();
-        entry.module->configVal(entry.settings, errors);
+        // The module judges a copy, so no lock is held while it runs.
+        const Module::moduleConfig before = copySettings(entry);
+        Module::moduleConfig judged = before;
+        entry.module->configVal(judged, errors);
+        storeChangedValues(entry, before, judged);
         // Name and message come in pairs; a trailing unpaired element adds no member, but the
         // module still answers with its (empty) object.
         if (errors.empty()) continue;
@@ -253,6 +260,7 @@ void moduleRestartNeeded(std::string configPath) {
         return;
     }
     // The file is gone: every enabled module must start over with a new one.
+    std::lock_guard<std::mutex> lock(configMutex);
     for (modulePair& entry : moduleRegistry) {
         Module::config* enable = firstEnableSetting(entry);
         if (enable == nullptr) continue;
@@ -300,7 +308,7 @@ void setConfig(const char* text) {
     if (internalSdcardOnlyChanged) {
         // A change of storage place restarts every enabled module.
         for (modulePair& entry : moduleRegistry) {
-            if (isModuleEnabled(entry.settings)) entry.restartNeeded = 1;
+            if (isEntryEnabled(entry)) entry.restartNeeded = 1;
         }
     }
 

@@ -1,5 +1,6 @@
 #include "core/run_state.h"
 
+#include <algorithm>
 #include <cstdio>
 #include <cstring>
 #include <ctime>
@@ -104,6 +105,17 @@ bool enabledSettings(modulePair& entry, Module::moduleConfig* copy) {
 Module::moduleConfig copySettings(modulePair& entry) {
     std::lock_guard<std::mutex> lock(configMutex);
     return entry.settings;
+}
+
+void storeChangedValues(modulePair& entry, const Module::moduleConfig& before,
+                        const Module::moduleConfig& changed) {
+    std::lock_guard<std::mutex> lock(configMutex);
+    std::vector<Module::config>& configs = entry.settings.configs;
+    size_t n = std::min(configs.size(), std::min(before.configs.size(), changed.configs.size()));
+    for (size_t i = 0; i < n; i++) {
+        if (strcmp(before.configs[i].value, changed.configs[i].value) == 0) continue;
+        memcpy(configs[i].value, changed.configs[i].value, sizeof(configs[i].value));
+    }
 }
 
 void updateState(const char* state) {

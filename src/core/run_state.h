@@ -20,6 +20,10 @@ bool isEntryEnabled(modulePair& entry);
 bool enabledSettings(modulePair& entry, Module::moduleConfig* copy);
 // A copy of the entry's settings, whatever they say.
 Module::moduleConfig copySettings(modulePair& entry);
+// Writes back under configMutex the values of `changed` that differ from `before`, both
+// copies taken with copySettings, so work on the copy can call out without the lock.
+void storeChangedValues(modulePair& entry, const Module::moduleConfig& before,
+                        const Module::moduleConfig& changed);
 
 // Forgets which modules were started (tests).
 void resetRunStateForTesting();
