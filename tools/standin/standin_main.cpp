@@ -191,7 +191,7 @@ std::string statusText(const StandinService& service) {
     std::vector<std::pair<std::string, std::string>> versions;
     for (const auto& [name, version] : service.versions()) {
         auto same = std::find_if(versions.begin(), versions.end(),
-                                 [&](const auto& v) { return v.first == name; });
+                                 [&wanted = name](const auto& v) { return v.first == wanted; });
         if (same == versions.end()) {
             versions.emplace_back(name, version);
         } else {
