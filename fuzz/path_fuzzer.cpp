@@ -61,6 +61,21 @@ void checkHostRoot(const std::string& path) {
     }
 }
 
+// A log folder the daemon settles on never climbs with ".." and holds no control byte.
+void checkSettled(const char* what, const std::string& path, const std::string& root) {
+    if (!startsWith(path, root)) vdfuzz::fail(what, path);
+    size_t start = 0;
+    while (start <= path.size()) {
+        size_t slash = path.find('/', start);
+        if (slash == std::string::npos) slash = path.size();
+        if (path.compare(start, slash - start, "..") == 0) vdfuzz::fail(what, path);
+        start = slash + 1;
+    }
+    for (unsigned char c : path) {
+        if (c < 0x20 || c == 0x7F) vdfuzz::fail(what, path);
+    }
+}
+
 Module::config& logPathOf(const char* module) {
     for (modulePair& entry : moduleRegistry) {
         if (strcmp(entry.settings.moduleName, module) != 0) continue;
@@ -84,20 +99,26 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     checkHelpers(text, pattern.empty() ? "/" : pattern, n);
     checkHostRoot(text);
 
-    const std::string root = "/sdcard/";
+    // Inputs of odd length run with a removable card as the storage root.
+    std::string root = "/sdcard/";
+    if (size % 2 == 1) {
+        root = "/storage/1A2B-3C4D/";
+        device.writeFile(root + "Tellwick/anr/.keep", "");
+        device.setProperty("persist.sys.vd.storage_path", root);
+    }
+    if (getDefaultDirectory() != root) vdfuzz::fail("storage root", getDefaultDirectory());
     if (!startsWith(returnCorrectedLogPath(text), root)) {
         vdfuzz::fail("module folder outside the root", returnCorrectedLogPath(text));
     }
     for (bool bootLog : {false, true}) {
-        std::string moved = persistLogPathUpdate(bootLog, text, root);
-        if (!startsWith(moved, root)) vdfuzz::fail("persist path outside the root", moved);
+        checkSettled("persist path", persistLogPathUpdate(bootLog, text, root), root);
     }
 
     // The document's path check, on a folder the module really has.
-    device.writeFile("/sdcard/Tellwick/anr/.keep", "");
+    device.writeFile(root + "Tellwick/anr/.keep", "");
     Module::config& logPath = logPathOf("ANRModule");
     snprintf(logPath.value, sizeof(logPath.value), "%s", text.c_str());
     free(getConfig());
-    if (!startsWith(logPath.value, root)) vdfuzz::fail("Log Path outside the root", logPath.value);
+    checkSettled("Log Path", logPath.value, root);
     return 0;
 }
