@@ -20,6 +20,7 @@
 #include <thread>
 #include <vector>
 
+#include "fakes/eventually.h"
 #include "standin/standin_service.h"
 
 extern char** environ;
@@ -28,22 +29,13 @@ namespace {
 
 namespace fsys = std::filesystem;
 using namespace std::chrono_literals;
+using vigild::testing::eventually;
 
 constexpr auto kTimeout = 15s;
 constexpr const char* kConfigFile = "/sdcard/Tellwick/config.json";
 constexpr const char* kLogcatLog = "/sdcard/Tellwick/logcat/logcat.log";
 constexpr const char* kStartHeader = "--- LogcatModule started ---";
 constexpr const char* kAutostart = "/dev/__properties__/persist.sys.vd.autostart";
-
-// Polls `condition` until it holds or `timeout` of real time has passed.
-bool eventually(const std::function<bool()>& condition, std::chrono::milliseconds timeout) {
-    auto deadline = std::chrono::steady_clock::now() + timeout;
-    while (!condition()) {
-        if (std::chrono::steady_clock::now() > deadline) return false;
-        std::this_thread::sleep_for(20ms);
-    }
-    return true;
-}
 
 int countOf(const std::string& text, const std::string& needle) {
     int n = 0;

@@ -15,21 +15,14 @@
 #include <thread>
 #include <vector>
 
+#include "fakes/eventually.h"
 #include "vigild/module.h"
 
 namespace {
 
 namespace fsys = std::filesystem;
 using namespace std::chrono_literals;
-
-bool eventually(const std::function<bool()>& condition, std::chrono::milliseconds timeout) {
-    auto deadline = std::chrono::steady_clock::now() + timeout;
-    while (!condition()) {
-        if (std::chrono::steady_clock::now() > deadline) return false;
-        std::this_thread::sleep_for(10ms);
-    }
-    return true;
-}
+using vigild::testing::eventually;
 
 class LogcatModuleTest : public ::testing::Test {
   protected:

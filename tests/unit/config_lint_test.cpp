@@ -2,7 +2,6 @@
 
 #include <gtest/gtest.h>
 #include <jansson.h>
-#include <sys/wait.h>
 
 #include <cstdio>
 #include <cstdlib>
@@ -11,6 +10,7 @@
 #include <string>
 #include <vector>
 
+#include "fakes/run_tool.h"
 #include "fakes/test_platform.h"
 
 using vdtools::LintResult;
@@ -165,13 +165,7 @@ TEST_F(ConfigLintTest, DefaultsListEveryModuleInRegistryOrder) {
 TEST_F(ConfigLintTest, ToolExitStatus) {
     const std::string tool = std::string(VIGILD_BINARY_DIR) + "/tools/config_lint/vigild-config";
     auto run = [&](const std::string& args, std::string* out) {
-        FILE* f = popen((tool + " " + args + " 2>&1").c_str(), "r");
-        if (f == nullptr) return -1;
-        char buffer[4096];
-        out->clear();
-        while (size_t n = fread(buffer, 1, sizeof(buffer), f)) out->append(buffer, n);
-        int status = pclose(f);
-        return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+        return vigild::testing::runTool(tool, args, out);
     };
     std::string defaults;
     ASSERT_EQ(run("defaults --modules " + modules_, &defaults), 0) << defaults;

@@ -1,13 +1,13 @@
 #include "modcheck/modcheck.h"
 
 #include <gtest/gtest.h>
-#include <sys/wait.h>
 
 #include <cstdio>
 #include <cstring>
 #include <string>
 #include <vector>
 
+#include "fakes/run_tool.h"
 #include "fakes/test_platform.h"
 
 using vdtools::ModuleReport;
@@ -148,13 +148,7 @@ TEST(ModcheckTest, SettingRulesFollowTheDaemon) {
 TEST(ModcheckTest, ToolSurvivesAnAbortingLibraryAndSetsTheExitStatus) {
     const std::string tool = std::string(VIGILD_BINARY_DIR) + "/tools/modcheck/vigild-modcheck";
     auto run = [&](const std::string& args, std::string* out) {
-        FILE* f = popen((tool + " " + args + " 2>&1").c_str(), "r");
-        if (f == nullptr) return -1;
-        char buffer[4096];
-        out->clear();
-        while (size_t n = fread(buffer, 1, sizeof(buffer), f)) out->append(buffer, n);
-        int status = pclose(f);
-        return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+        return vigild::testing::runTool(tool, args, out);
     };
     std::string out;
     EXPECT_EQ(run(library("lib_vd_sound.so"), &out), 0) << out;
