@@ -368,7 +368,8 @@ TEST_F(HostileConfigFileTest, NoHangNoBlowUpAndTheLastGoodFileStays) {
         fsys::remove(file(), ec);
         c.plant(file());
 
-        EXPECT_TRUE(finishesWithin([] { fileReader("/sdcard/Tellwick/config.json"); }, 10s));
+        EXPECT_TRUE(
+            finishesWithin([] { delete[] fileReader("/sdcard/Tellwick/config.json"); }, 10s));
         EXPECT_TRUE(p.log().contains(c.readError, kLogError));
         int result = 0;
         EXPECT_TRUE(
