@@ -36,11 +36,11 @@ std::string currentDocument() {
 void checkRoundTrip(const char* text) {
     json_t* document = json_loads(text, 0, nullptr);
     for (modulePair& entry : moduleRegistry) {
-        json_t* settings = json_object_get(json_object_get(document, entry.settings.moduleName),
-                                           "settings");
+        json_t* settings =
+            json_object_get(json_object_get(document, entry.settings.moduleName), "settings");
         for (size_t i = 0; i < entry.settings.configs.size(); i++) {
-            const char* value = json_string_value(
-                json_object_get(json_array_get(settings, i), "value"));
+            const char* value =
+                json_string_value(json_object_get(json_array_get(settings, i), "value"));
             const char* held = entry.settings.configs[i].value;
             if (value == nullptr || strncmp(value, held, VD_CONFIG_VALUE_SIZE - 1) != 0) {
                 vdfuzz::fail("accepted value not applied", held);

@@ -29,7 +29,8 @@ class MemoryProperties : public vp::Properties {
   public:
     int get(const char* key, char* value, const char* defaultValue) override {
         auto it = values.find(key);
-        const char* v = it == values.end() || it->second.empty() ? defaultValue : it->second.c_str();
+        const char* v =
+            it == values.end() || it->second.empty() ? defaultValue : it->second.c_str();
         size_t n = std::min(strlen(v), vp::kPropValueMax - 1);
         memcpy(value, v, n);
         value[n] = '\0';
@@ -325,8 +326,9 @@ void FuzzDevice::reset() {
         entry.restartNeeded = 0;
         auto& configs = entry.settings.configs;
         const auto& saved = gSaved->values[m];
-        // A module never adds settings after init, but keep the count in step anyway.
-        if (configs.size() != saved.size()) fail("setting count changed", entry.settings.moduleName);
+        // Saved values go back by position: a module that grew settings after init breaks that.
+        if (configs.size() != saved.size())
+            fail("setting count changed", entry.settings.moduleName);
         for (size_t i = 0; i < configs.size(); i++) {
             snprintf(configs[i].defaultValue, VD_CONFIG_VALUE_SIZE, "%s", saved[i].first.c_str());
             snprintf(configs[i].value, VD_CONFIG_VALUE_SIZE, "%s", saved[i].second.c_str());
