@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <signal.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -69,6 +70,29 @@ void reapChild(pid_t pid, bool report) {
     }
 }
 
+// The tool's word is trusted no further than its own archives: a regular file, named as the
+// tool names them, reached without "..". Anything else would be copied out of places apps
+// must not read and then removed (a configuration file, a link, a folder).
+bool isToolArchive(const std::string& source) {
+    if (source.empty() || source.front() != '/') {
+        errno = EINVAL;
+        return false;
+    }
+    size_t slash = source.rfind('/');
+    if (source.compare(slash + 1, 10, "bugreport-") != 0 ||
+        ("/" + source + "/").find("/../") != std::string::npos) {
+        errno = EINVAL;
+        return false;
+    }
+    struct stat st;
+    if (vigild::fs::lstat(source.c_str(), &st) != 0) return false;
+    if (!S_ISREG(st.st_mode)) {
+        errno = EINVAL;
+        return false;
+    }
+    return true;
+}
+
 // Moves the archive into the log folder and tells the service how that went.
 void fileArchive(const std::string& path, Ivd_service& service) {
     std::string root = getDefaultDirectory();
@@ -76,6 +100,14 @@ void fileArchive(const std::string& path, Ivd_service& service) {
     std::string destination =
         root + (isTellwickSecureModeEnabled() ? kSecureLogFolder : kTellwickFolder) + name;
     std::string source = trim(path);
+    if (!isToolArchive(source)) {
+        // Reported as a copy and a deletion that failed; nothing is touched.
+        int error = errno;
+        LOGE("Tw Bugreport::File copied failed");
+        service.updateTwBugreportStatus(false);
+        LOGE("Tw Bugreport::File deletion failed from src path ==  %s", strerror(error));
+        return;
+    }
     if (copyFile(source, trim(destination))) {
         LOGI("Tw Bugreport::File copied successfully at destination");
         service.updateTwBugreportStatus(true);
@@ -84,7 +116,8 @@ void fileArchive(const std::string& path, Ivd_service& service) {
         service.updateTwBugreportStatus(false);
     }
     // The source goes whether or not the copy worked: bug reports are large.
-    if (vigild::fs::remove(source.c_str()) == 0) {
+    // unlink, not remove: a link put in its place goes as a link, a folder stays.
+    if (vigild::fs::unlink(source.c_str()) == 0) {
         LOGI("Tw Bugreport::File deleted successfully from src path");
     } else {
         LOGE("Tw Bugreport::File deletion failed from src path ==  %s", strerror(errno));

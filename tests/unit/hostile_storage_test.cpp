@@ -7,6 +7,7 @@
 #include <stdio.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -28,6 +29,8 @@
 #include "core/log.h"
 #include "core/module_registry.h"
 #include "fakes/test_platform.h"
+#include "standin/standin_service.h"
+#include "storage/bugreport.h"
 #include "storage/log_deletion.h"
 #include "storage/utility.h"
 
@@ -322,6 +325,53 @@ TEST_F(HostileStorageTest, FullDiskFailsTheCopy) {
     EXPECT_TRUE(p.log().contains(
         "Error: Could not copy file contents to: /sdcard/Tellwick/TwBugreport-big.zip", kLogDebug));
     umount2(mountPoint.c_str(), MNT_DETACH);
+}
+
+// The bug report tool names its archive; the daemon copies and removes only what really is
+// one: a regular file called bugreport-*, reached without "..".
+TEST_F(HostileStorageTest, BugreportToolNamingOtherFilesTouchesNothing) {
+    vdstandin::StandinService service(p.root());
+    ASSERT_TRUE(service.start());
+    p.enableDebugLog();
+    // A virtual clock step waits for the tool to end, so a slow start is not taken for a hang.
+    p.clock().onSleep([](std::chrono::milliseconds) {
+        siginfo_t info = {};
+        waitid(P_ALL, 0, &info, WEXITED | WNOWAIT);
+    });
+    p.writeFile("/etc/passwd", "root:x:0:0");
+    p.writeFile("/sdcard/Tellwick/config.json", "{}");
+    p.makeDir("/bugreports/bugreport-dir.zip");
+    fsys::create_symlink(p.hostPath("/etc/passwd"), p.hostPath("/bugreports/bugreport-l.zip"));
+    const struct {
+        const char* path;
+        const char* error;
+    } cases[] = {
+        {"/../../etc/passwd", "Invalid argument"},
+        {"/bugreports/../etc/bugreport-x", "Invalid argument"},
+        {"/sdcard/Tellwick/config.json", "Invalid argument"},
+        {"/bugreports/bugreport-l.zip", "Invalid argument"},
+        {"/bugreports/bugreport-dir.zip", "Invalid argument"},
+        {"bugreport-relative.zip", "Invalid argument"},
+        {"/bugreports/bugreport-gone.zip", "No such file or directory"},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.path);
+        p.log().clear();
+        p.setProperty("persist.sys.vd.tw_bugreport", "true");
+        p.writeFile("/system/bin/bugreportz", std::string("#!/bin/sh\necho 'OK:") + c.path + "'\n");
+        ASSERT_EQ(chmod(p.hostPath("/system/bin/bugreportz").c_str(), 0755), 0);
+        EXPECT_EQ(bugreportPass(), kBugreportDone);
+        EXPECT_TRUE(p.log().contains("Tw Bugreport::File copied failed", kLogError));
+        EXPECT_TRUE(p.log().contains(
+            std::string("Tw Bugreport::File deletion failed from src path ==  ") + c.error,
+            kLogError));
+        EXPECT_EQ(p.readFile("/etc/passwd"), "root:x:0:0");
+        EXPECT_EQ(p.readFile("/sdcard/Tellwick/config.json"), "{}");
+        EXPECT_TRUE(fsys::is_symlink(p.hostPath("/bugreports/bugreport-l.zip")));
+        EXPECT_TRUE(fsys::is_directory(p.hostPath("/bugreports/bugreport-dir.zip")));
+        EXPECT_FALSE(p.exists("/sdcard/Tellwick/TwBugreport-"));
+    }
+    EXPECT_EQ(service.bugreportStatuses(), std::vector<int>(std::size(cases), 0));
 }
 
 // Something that is not a file where the configuration file should be.
