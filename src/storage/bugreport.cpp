@@ -70,16 +70,11 @@ void reapChild(pid_t pid, bool report) {
     }
 }
 
-// The tool's word is trusted no further than its own archives: a regular file, named as the
-// tool names them, reached without "..". Anything else would be copied out of places apps
-// must not read and then removed (a configuration file, a link, a folder).
+// The tool's word is trusted no further than an archive: a regular file named by an absolute
+// path without "..". A link, a folder or a climb out would be copied from places apps must not
+// read and then removed.
 bool isToolArchive(const std::string& source) {
-    if (source.empty() || source.front() != '/') {
-        errno = EINVAL;
-        return false;
-    }
-    size_t slash = source.rfind('/');
-    if (source.compare(slash + 1, 10, "bugreport-") != 0 ||
+    if (source.empty() || source.front() != '/' ||
         ("/" + source + "/").find("/../") != std::string::npos) {
         errno = EINVAL;
         return false;

@@ -257,7 +257,6 @@ TEST_F(FaultsE2ETest, BugreportToolThatCrashesOrPrintsGarbageNeverTouchesOtherFi
         {"huge output", "head -c 30000000 /dev/zero | tr '\\0' 'O'"},
         {"OK without a path", "echo 'OK:'"},
         {"OK outside the root", "echo 'OK:/../../etc/passwd'"},
-        {"OK on the configuration", "echo 'OK:/sdcard/Tellwick/config.json'"},
         {"OK on a link", "echo 'OK:/bugreports/bugreport-link.zip'"},
         {"OK on a folder", "echo 'OK:/bugreports/bugreport-dir.zip'"},
         {"OK on a device", "echo 'OK:/dev/bugreport-zero'"},

@@ -327,8 +327,8 @@ TEST_F(HostileStorageTest, FullDiskFailsTheCopy) {
     umount2(mountPoint.c_str(), MNT_DETACH);
 }
 
-// The bug report tool names its archive; the daemon copies and removes only what really is
-// one: a regular file called bugreport-*, reached without "..".
+// The bug report tool names its archive; the daemon copies and removes only what can be one:
+// a regular file named by an absolute path without "..".
 TEST_F(HostileStorageTest, BugreportToolNamingOtherFilesTouchesNothing) {
     vdstandin::StandinService service(p.root());
     ASSERT_TRUE(service.start());
@@ -348,7 +348,6 @@ TEST_F(HostileStorageTest, BugreportToolNamingOtherFilesTouchesNothing) {
     } cases[] = {
         {"/../../etc/passwd", "Invalid argument"},
         {"/bugreports/../etc/bugreport-x", "Invalid argument"},
-        {"/sdcard/Tellwick/config.json", "Invalid argument"},
         {"/bugreports/bugreport-l.zip", "Invalid argument"},
         {"/bugreports/bugreport-dir.zip", "Invalid argument"},
         {"bugreport-relative.zip", "Invalid argument"},
@@ -372,6 +371,16 @@ TEST_F(HostileStorageTest, BugreportToolNamingOtherFilesTouchesNothing) {
         EXPECT_FALSE(p.exists("/sdcard/Tellwick/TwBugreport-"));
     }
     EXPECT_EQ(service.bugreportStatuses(), std::vector<int>(std::size(cases), 0));
+
+    // A regular file is the tool's archive whatever its name, as the worker's steps have it.
+    p.writeFile("/data/report.zip", "zip");
+    p.setProperty("persist.sys.vd.tw_bugreport", "true");
+    p.writeFile("/system/bin/bugreportz", "#!/bin/sh\necho 'OK:/data/report.zip'\n");
+    ASSERT_EQ(chmod(p.hostPath("/system/bin/bugreportz").c_str(), 0755), 0);
+    EXPECT_EQ(bugreportPass(), kBugreportDone);
+    EXPECT_EQ(p.readFile("/sdcard/Tellwick/TwBugreport-"), "zip");
+    EXPECT_FALSE(p.exists("/data/report.zip"));
+    EXPECT_EQ(service.bugreportStatuses().back(), 1);
 }
 
 // Something that is not a file where the configuration file should be.
