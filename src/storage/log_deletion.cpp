@@ -3,11 +3,13 @@
 #include <dirent.h>
 #include <fcntl.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <memory>
 #include <mutex>
 #include <regex>
 #include <set>
@@ -103,7 +105,9 @@ bool isRealDirectory(const std::string& devicePath) {
 enum class EntryKind { kDirectory, kOther, kGone };
 
 // An open directory walked by descriptor: children are opened relative to it and never
-// through a link, so the walk stays inside the tree it started in.
+// through a link, so the walk stays inside the tree it started in. Entries are read with
+// getdents64 into a buffer of its own (no DIR stream): a folder costs its open, its reads and
+// its close, and an entry nothing besides its own removal.
 class Dir {
   public:
     static Dir openTop(const std::string& devicePath) {
@@ -111,29 +115,40 @@ class Dir {
         if (!splitDevicePath(devicePath, parts)) return Dir(-1);
         return Dir(openComponents(parts, parts.size()));
     }
-    Dir openChild(const char* name) const { return Dir(::openat(fd(), name, kOpenDirFlags)); }
+    Dir openChild(const char* name) const { return Dir(::openat(fd_, name, kOpenDirFlags)); }
 
-    Dir(Dir&& other) noexcept : dir_(std::exchange(other.dir_, nullptr)) {}
+    Dir(Dir&& other) noexcept
+        : fd_(std::exchange(other.fd_, -1)),
+          buffer_(std::move(other.buffer_)),
+          pos_(other.pos_),
+          end_(other.end_),
+          shortRead_(other.shortRead_) {}
     Dir(const Dir&) = delete;
     Dir& operator=(const Dir&) = delete;
     Dir& operator=(Dir&&) = delete;
     ~Dir() {
-        if (dir_ != nullptr) closedir(dir_);
+        if (fd_ >= 0) ::close(fd_);
     }
 
-    bool ok() const { return dir_ != nullptr; }
-    int fd() const { return dirfd(dir_); }
+    bool ok() const { return fd_ >= 0; }
+    int fd() const { return fd_; }
 
     // The next entry other than "." and ".."; false at the end.
     bool next(std::string& name, EntryKind& kind) {
-        while (const struct dirent* entry = readdir(dir_)) {
+        while (pos_ < end_ || fill()) {
+            const auto* entry = reinterpret_cast<const struct dirent64*>(buffer_.get() + pos_);
+            pos_ += entry->d_reclen;
             if (strcmp(entry->d_name, ".") == 0 || strcmp(entry->d_name, "..") == 0) continue;
             name = entry->d_name;
-            kind = kindOf(entry);
+            kind = kindOf(entry->d_type, entry->d_name);
             return true;
         }
         return false;
     }
+
+    // Every entry read so far was handed out and the last read left room for more: the
+    // kernel fills the buffer while entries remain, so the folder has most likely ended.
+    bool probablyAtEnd() const { return pos_ >= end_ && shortRead_; }
 
     // remove() of one entry, without following a link: a link goes as a link.
     int removeEntry(const std::string& name, EntryKind kind) const {
@@ -142,21 +157,33 @@ class Dir {
     }
 
   private:
-    explicit Dir(int fd) {
-        if (fd < 0) return;
-        dir_ = fdopendir(fd);
-        if (dir_ == nullptr) ::close(fd);
+    // Big enough for a log folder's entries in one read.
+    static constexpr size_t kBufferSize = 16384;
+
+    explicit Dir(int fd) : fd_(fd) {}
+
+    bool fill() {
+        if (buffer_ == nullptr) buffer_ = std::make_unique<char[]>(kBufferSize);
+        long n = ::syscall(SYS_getdents64, fd_, buffer_.get(), kBufferSize);
+        pos_ = 0;
+        end_ = n > 0 ? static_cast<size_t>(n) : 0;
+        shortRead_ = n <= 0 || end_ + sizeof(struct dirent64) <= kBufferSize;
+        return end_ > 0;
     }
 
-    EntryKind kindOf(const struct dirent* entry) const {
-        if (entry->d_type == DT_DIR) return EntryKind::kDirectory;
-        if (entry->d_type != DT_UNKNOWN) return EntryKind::kOther;
+    EntryKind kindOf(unsigned char type, const char* name) const {
+        if (type == DT_DIR) return EntryKind::kDirectory;
+        if (type != DT_UNKNOWN) return EntryKind::kOther;
         struct stat st;
-        if (::fstatat(fd(), entry->d_name, &st, AT_SYMLINK_NOFOLLOW) != 0) return EntryKind::kGone;
+        if (::fstatat(fd_, name, &st, AT_SYMLINK_NOFOLLOW) != 0) return EntryKind::kGone;
         return S_ISDIR(st.st_mode) ? EntryKind::kDirectory : EntryKind::kOther;
     }
 
-    DIR* dir_ = nullptr;
+    int fd_ = -1;
+    std::unique_ptr<char[]> buffer_;
+    size_t pos_ = 0;
+    size_t end_ = 0;
+    bool shortRead_ = false;
 };
 
 // remove() of a top folder given by path, never through a link on the way to it; a storage
@@ -168,48 +195,90 @@ void removeTop(const std::string& devicePath) {
     ::unlinkat(parent.fd, parent.name.c_str(), S_ISDIR(st.st_mode) ? AT_REMOVEDIR : 0);
 }
 
-// One level of deleteLogFilesUnsecure; `folder` is the device path, for log lines and the
-// kept-name comparisons only.
-int deleteUnsecureLevel(Dir& dir, const std::string& folder, int type, int depth) {
-    const std::string twInfo = folder + "/TwInfo.txt";
-    const std::string config = folder + "/config.json";
-    const std::string backup = folder + "/Backup";
+int deleteUnsecureLevel(Dir& dir, const std::string& folder, int type, int depth,
+                        const Dir* parent, const std::string* self, bool* removed);
+
+// The names a level compares its entries against.
+struct LevelNames {
+    explicit LevelNames(const std::string& folder)
+        : twInfo(folder + "/TwInfo.txt"),
+          config(folder + "/config.json"),
+          backup(folder + "/Backup") {}
+    const std::string twInfo;
+    const std::string config;
+    const std::string backup;
+};
+
+// One entry of a deleteLogFilesUnsecure level. Returns what it adds to the level's sum and
+// sets `stays` when the entry is still in the folder afterwards.
+int deleteUnsecureEntry(Dir& dir, const std::string& folder, const LevelNames& names,
+                        const std::string& name, EntryKind kind, int type, int depth, bool& stays) {
+    stays = false;
+    std::string full = folder + "/" + name;
+    LOGD("remove %.*s", kEntryPathSize - 1, full.c_str());
+    if (kind == EntryKind::kDirectory) {
+        LOGD("deleteLogFilesUnsecure::Start::path = %.*s, deleteLogType== %d",
+             kEntryPathSize - 1, full.c_str(), type);
+        Dir child = dir.openChild(name.c_str());
+        if (!child.ok()) {
+            // Not a directory any more (swapped for a file or a link): remove what is there.
+            stays = dir.removeEntry(name, EntryKind::kOther) != 0 &&
+                    dir.removeEntry(name, EntryKind::kDirectory) != 0;
+            LOGD("deleteSecureBackup::End");
+            return -1;
+        }
+        if (depth >= kMaxWalkDepth) {
+            LOGE("deleteLogFilesUnsecure::tree too deep, not descending into %s", full.c_str());
+            LOGD("deleteSecureBackup::End");
+            stays = true;
+            return -1;
+        }
+        bool gone = false;
+        int result = deleteUnsecureLevel(child, full, type, depth + 1, &dir, &name, &gone);
+        // A sub-folder goes only once it is empty.
+        if (!gone) stays = dir.removeEntry(name, EntryKind::kDirectory) != 0;
+        LOGD("deleteSecureBackup::End");
+        return result;
+    }
     int result = 0;
+    if (full == names.twInfo || full == names.config) {
+        stays = true;
+    } else if (full.rfind(names.backup, 0) == 0) {
+        if ((type & ~2) == 0) result = dir.removeEntry(name, kind);
+        stays = (type & ~2) != 0 || result != 0;
+    } else if (type != 2) {
+        result = dir.removeEntry(name, kind);
+        stays = result != 0;
+    } else {
+        stays = true;
+    }
+    return result;
+}
+
+// One level of deleteLogFilesUnsecure; `folder` is the device path, for log lines and the
+// kept-name comparisons only. Below the top, `parent` and `self` name this folder as its parent
+// holds it: a level that has emptied its folder removes it at once, which answers whether it is
+// empty and saves the read that would only confirm its end (`removed` tells the caller).
+int deleteUnsecureLevel(Dir& dir, const std::string& folder, int type, int depth,
+                        const Dir* parent, const std::string* self, bool* removed) {
+    const LevelNames names(folder);
+    int result = 0;
+    bool keeps = false;
     std::string name;
     EntryKind kind;
     while (dir.next(name, kind)) {
-        if (kind == EntryKind::kGone) continue;
-        std::string full = folder + "/" + name;
-        LOGD("remove %.*s", kEntryPathSize - 1, full.c_str());
-        if (kind == EntryKind::kDirectory) {
-            LOGD("deleteLogFilesUnsecure::Start::path = %.*s, deleteLogType== %d",
-                 kEntryPathSize - 1, full.c_str(), type);
-            Dir child = dir.openChild(name.c_str());
-            if (!child.ok()) {
-                // Not a directory any more (swapped for a file or a link): remove what is there.
-                if (dir.removeEntry(name, EntryKind::kOther) != 0) {
-                    dir.removeEntry(name, EntryKind::kDirectory);
-                }
-                LOGD("deleteSecureBackup::End");
-                result += -1;
-                continue;
+        if (kind != EntryKind::kGone) {
+            bool stays = false;
+            result += deleteUnsecureEntry(dir, folder, names, name, kind, type, depth, stays);
+            keeps = keeps || stays;
+        }
+        if (parent != nullptr && !keeps && dir.probablyAtEnd()) {
+            if (parent->removeEntry(*self, EntryKind::kDirectory) == 0) {
+                *removed = true;
+                break;
             }
-            if (depth >= kMaxWalkDepth) {
-                LOGE("deleteLogFilesUnsecure::tree too deep, not descending into %s", full.c_str());
-                LOGD("deleteSecureBackup::End");
-                result += -1;
-                continue;
-            }
-            result += deleteUnsecureLevel(child, full, type, depth + 1);
-            // A sub-folder goes only once it is empty.
-            dir.removeEntry(name, EntryKind::kDirectory);
-            LOGD("deleteSecureBackup::End");
-        } else if (full == twInfo || full == config) {
-            continue;
-        } else if (full.rfind(backup, 0) == 0) {
-            if ((type & ~2) == 0) result += dir.removeEntry(name, kind);
-        } else if (type != 2) {
-            result += dir.removeEntry(name, kind);
+            // Not empty after all (something new came in): read on; the caller removes it.
+            parent = nullptr;
         }
     }
     return result;
@@ -284,7 +353,7 @@ int deleteLogFilesUnsecure(const std::string& folder, int type) {
         LOGD("deleteSecureBackup::End");
         return -1;
     }
-    int result = deleteUnsecureLevel(dir, folder, type, 1);
+    int result = deleteUnsecureLevel(dir, folder, type, 1, nullptr, nullptr, nullptr);
     removeTop(folder);
     LOGD("deleteSecureBackup::End");
     return result;
