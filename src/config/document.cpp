@@ -6,6 +6,8 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <map>
+#include <optional>
 #include <string>
 
 #include "core/log.h"
@@ -61,9 +63,29 @@ void resetToModuleFolder(Module::config& setting, const char* moduleName) {
              returnCorrectedLogPath(moduleName).c_str());
 }
 
+// What the path checks of one build look up outside. The storage root and whether a folder
+// opens do not change while one document is built, and finding the root may ask the service
+// and look over the storage folders, so each is looked up once per build, not per setting.
+struct PathLookups {
+    std::optional<std::string> root;
+    std::map<std::string, bool> opens;
+
+    const std::string& defaultDirectory() {
+        if (!root) root = getDefaultDirectory();
+        return *root;
+    }
+    bool canOpen(const std::string& path) {
+        auto known = opens.find(path);
+        if (known != opens.end()) return known->second;
+        FILE* stream = vigild::fs::fopen(path.c_str(), "r");
+        if (stream != nullptr) fclose(stream);
+        return opens.emplace(path, stream != nullptr).first->second;
+    }
+};
+
 // A path setting must lie in the current storage root; anything else (an old card, a
 // foreign folder, a value with too few "/") moves to the module's own default folder.
-void checkPath(Module::config& setting, const char* moduleName) {
+void checkPath(Module::config& setting, const char* moduleName, PathLookups& lookups) {
     char storagePathProp[vigild::platform::kPropValueMax];
     getprop(storagePathProp, "persist.sys.vd.storage_path", "UNKNOWN");
     // "/sdcard/" is one level deep, a card "/storage/<id>/" two.
@@ -76,22 +98,19 @@ void checkPath(Module::config& setting, const char* moduleName) {
         return;
     }
     // A value that climbs out with ".." or hides characters passes the prefix test alone.
-    FILE* stream =
-        isCleanLogPath(setting.value) ? vigild::fs::fopen(subPath.c_str(), "r") : nullptr;
-    const bool keep =
-        stream != nullptr && strcasecmp(subPath.c_str(), getDefaultDirectory().c_str()) == 0;
-    if (stream != nullptr) fclose(stream);
+    const bool keep = isCleanLogPath(setting.value) && lookups.canOpen(subPath) &&
+                      strcasecmp(subPath.c_str(), lookups.defaultDirectory().c_str()) == 0;
     if (!keep) {
         LOGD("vigild::getConfig::path %s not found", setting.value);
         resetToModuleFolder(setting, moduleName);
     }
 }
 
-json_t* buildSetting(Module::config& setting, const char* moduleName) {
+json_t* buildSetting(Module::config& setting, const char* moduleName, PathLookups& lookups) {
     json_t* object = json_object();
     json_object_set_new(object, "name", jsonText(setting.name));
     json_object_set_new(object, "type", jsonText(setting.type));
-    if (isPathSetting(setting)) checkPath(setting, moduleName);
+    if (isPathSetting(setting)) checkPath(setting, moduleName, lookups);
     json_object_set_new(object, "value", jsonText(setting.value));
     json_t* list = json_array();
     for (const char* option : setting.options) json_array_append_new(list, jsonText(option));
@@ -105,11 +124,12 @@ char* getConfig() {
     LOGD("getconfig:BEGIN");
     // The tree lives only inside this call: nothing is kept for another thread to free.
     json_t* document = json_object();
+    PathLookups lookups;
     for (modulePair& entry : moduleRegistry) {
         const char* moduleName = entry.settings.moduleName;
         json_t* settings = json_array();
         for (Module::config& setting : entry.settings.configs) {
-            json_array_append_new(settings, buildSetting(setting, moduleName));
+            json_array_append_new(settings, buildSetting(setting, moduleName, lookups));
         }
         json_t* module = json_object();
         json_object_set_new(module, "settings", settings);

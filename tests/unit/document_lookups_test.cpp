@@ -1,0 +1,87 @@
+// Building the document looks the storage root up once, however many path settings there
+// are: the lookup asks the companion service and looks over the storage folders.
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "config/document.h"
+#include "core/module_registry.h"
+#include "fakes/test_platform.h"
+#include "standin/standin_service.h"
+
+using vigild::testing::TestPlatform;
+
+namespace {
+
+class PathModule : public Module {
+  public:
+    explicit PathModule(std::string name) : name_(std::move(name)) {}
+    int shouldLoad() override { return 0; }
+    int init(moduleConfig&) override { return 0; }
+    int start(moduleConfig) override { return 0; }
+    int systemTimeChange() override { return 0; }
+    int prestop() override { return 0; }
+    int stop() override { return 0; }
+    const char* getName() override { return name_.c_str(); }
+    const char* getVersion() override { return "14.0.0.1"; }
+    int configVal(moduleConfig&, std::vector<std::string>&) override { return 0; }
+    int logcatEOFStatus() override { return 0; }
+
+  private:
+    std::string name_;
+};
+
+Module::config pathSetting(const std::string& value) {
+    Module::config c = {};
+    c.name = "Log Path";
+    c.type = "string";
+    snprintf(c.defaultValue, sizeof(c.defaultValue), "%s", value.c_str());
+    snprintf(c.value, sizeof(c.value), "%s", value.c_str());
+    return c;
+}
+
+int cardQuestions(const vdstandin::StandinService& service) {
+    int n = 0;
+    for (const vdstandin::Record& r : service.records()) n += r.method == "isSDcardPresent";
+    return n;
+}
+
+TEST(DocumentLookups, OneRootLookupPerBuildWithTheSameResult) {
+    TestPlatform p;
+    vdstandin::StandinService service(p.root());
+    ASSERT_TRUE(service.start());
+    p.setProperty("persist.sys.vd.storage_path", "/sdcard/");
+    p.makeDir("/sdcard/Tellwick/");
+    std::vector<std::unique_ptr<PathModule>> modules;
+    for (int i = 0; i < 6; i++) {
+        modules.push_back(std::make_unique<PathModule>("M" + std::to_string(i)));
+        moduleRegistry.emplace_back(modules.back().get());
+        // Every other one lies outside the root and is moved to its default folder.
+        std::string value = i % 2 ? "/data/m" + std::to_string(i) + "/"
+                                  : "/sdcard/Tellwick/m" + std::to_string(i) + "/";
+        moduleRegistry.back().settings.configs.push_back(pathSetting(value));
+    }
+
+    char* text = getConfig();
+    ASSERT_NE(text, nullptr);
+    free(text);
+    // The moved settings each ask for their default folder; the kept ones share one lookup.
+    EXPECT_EQ(cardQuestions(service), 1 + 3);
+    for (int i = 0; i < 6; i++) {
+        std::string expected = i % 2 ? "/sdcard/Tellwick/" : "/sdcard/Tellwick/m" +
+                                                                 std::to_string(i) + "/";
+        EXPECT_EQ(moduleRegistry[i].settings.configs[1].value, expected) << i;
+    }
+
+    // Everything is inside the root now: one lookup for the whole build.
+    service.clearRecords();
+    text = getConfig();
+    ASSERT_NE(text, nullptr);
+    free(text);
+    EXPECT_EQ(cardQuestions(service), 1);
+}
+
+}  // namespace
