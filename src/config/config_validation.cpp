@@ -129,12 +129,12 @@ Module::config* firstEnableSetting(modulePair& entry) {
     return nullptr;
 }
 
-}  // namespace
-
-int validateConfig(const char* text) {
+// validateConfig's check. The parsed document is handed back in `document` (null when the
+// text does not parse), so setConfig applies what it checked without parsing it again.
+int checkReceived(const char* text, JsonPtr& document) {
     LOGD("validateConfig():BEGIN");
     json_error_t error;
-    JsonPtr document(text != nullptr ? json_loads(text, 0, &error) : nullptr);
+    document.reset(text != nullptr ? json_loads(text, 0, &error) : nullptr);
     if (document == nullptr) {
         if (text == nullptr) {
             LOGE("error: on line %d: %s\n", -1, "no text");
@@ -170,11 +170,11 @@ int validateConfig(const char* text) {
     return 0;
 }
 
-void updateConfig(const char* text) {
+// updateConfig on a parsed document; a null one (a text that did not parse) changes nothing.
+void applyReceived(const json_t* document) {
     LOGD("updateConfig:BEGIN");
     internalSdcardOnlyChanged = 0;
     btSnoopConfigChanged = false;
-    JsonPtr document(text != nullptr ? json_loads(text, 0, nullptr) : nullptr);
     // The end-of-file monitor and the file watch read these values on their own threads.
     std::lock_guard<std::mutex> lock(configMutex);
     for (modulePair& entry : moduleRegistry) {
@@ -183,7 +183,7 @@ void updateConfig(const char* text) {
         // A text that does not fit the registry (a rejected one applied after a reset) only
         // updates what it has at the matching positions.
         const json_t* settings =
-            json_object_get(json_object_get(document.get(), moduleName), "settings");
+            json_object_get(json_object_get(document, moduleName), "settings");
         std::vector<Module::config>& configs = entry.settings.configs;
         for (size_t i = 0; i < configs.size(); i++) {
             const char* value = stringMember(json_array_get(settings, i), "value");
@@ -211,6 +211,18 @@ void updateConfig(const char* text) {
         }
     }
     LOGD("updateConfig :END");
+}
+
+}  // namespace
+
+int validateConfig(const char* text) {
+    JsonPtr document;
+    return checkReceived(text, document);
+}
+
+void updateConfig(const char* text) {
+    JsonPtr document(text != nullptr ? json_loads(text, 0, nullptr) : nullptr);
+    applyReceived(document.get());
 }
 
 int moduleValConfig(int mode) {
@@ -282,7 +294,9 @@ void isBTSnooplogConfigChanged() {
 
 void setConfig(const char* text) {
     LOGD("setConfig:BEGIN");
-    int rc = validateConfig(text);
+    // Parsed once: the text that is checked is the one applied below.
+    JsonPtr received;
+    int rc = checkReceived(text, received);
     LOGD("validate returns %i", rc);
     if (rc != 0) {
         resetAndUpdateConfig();
@@ -302,7 +316,8 @@ void setConfig(const char* text) {
         // The rejected text is still applied on top of the defaults, as far as it fits.
     }
 
-    updateConfig(text);
+    applyReceived(received.get());
+    received.reset();
     moduleValConfig(1);
 
     if (internalSdcardOnlyChanged) {
