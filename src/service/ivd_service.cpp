@@ -16,7 +16,10 @@ namespace {
 void writeString(Parcel& data, const char* str) {
     const size_t n = str == nullptr ? 0 : strlen(str);
     data.writeInt32(static_cast<int32_t>(n));
-    for (size_t i = 0; i < n; i++) data.writeInt32(static_cast<unsigned char>(str[i]));
+    // Built in one piece: a configuration document is hundreds of kilobytes of words.
+    std::vector<uint8_t> words(4 * n, 0);
+    for (size_t i = 0; i < n; i++) words[4 * i] = static_cast<uint8_t>(str[i]);
+    data.write(words.data(), words.size());
 }
 
 // Reads `n` UTF-16 units and keeps the low byte of each: the service's strings are
