@@ -268,17 +268,18 @@ def daemon_runs(args, table, results):
     calls = next(l["transactions_during_idle"] for l in lines if "transactions_during_idle" in l)
     results["idle"] = lines
     window = end["t"] - begin["t"]
-    cpu = (end["cpu_ticks"] - begin["cpu_ticks"]) / end["ticks_per_second"]
+    cpu = (end["cpu_ns"] - begin["cpu_ns"]) / 1e9
     wakeups = end["switches"] - begin["switches"]
     label = f"idle daemon over {window:.0f} s"
     table.add(label + ": RSS / PSS", f"{end['rss_kb'] / 1024:.2f} / {end['pss_kb'] / 1024:.2f} MiB",
-              "-", "-", "RSS <= 4 MiB", verdict(end["rss_kb"] <= 4096), "")
+              "-", "-", "RSS <= 4 MiB", verdict(end["rss_kb"] <= 4096),
+              f"private {end['private_kb'] / 1024:.2f} MiB, the rest shared library pages")
     table.add(label + ": threads", str(end["threads"]), "-", "-", "5 (main + 4 loops)",
               verdict(end["threads"] == 5), "")
     table.add(label + ": open fds", f"{begin['fds']} -> {end['fds']}", "-", "-", "no growth",
               verdict(end["fds"] <= begin["fds"]), "")
     table.add(label + ": CPU", f"{100 * cpu / window:.4f} %", "-", "-", "< 0.01 %",
-              verdict(100 * cpu / window < 0.01), f"{cpu:.2f} s CPU (tick {1 / end['ticks_per_second']:.2f} s)")
+              verdict(100 * cpu / window < 0.01), f"{cpu * 1e3:.2f} ms CPU in the window")
     table.add(label + ": wake-ups", f"{wakeups} ({wakeups / window:.2f}/s)", "-", "-", "-", "-",
               f"{calls} service transactions")
 
