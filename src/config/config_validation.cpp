@@ -16,6 +16,7 @@
 
 #include "config/config_file.h"
 #include "config/document.h"
+#include "config/json_helpers.h"
 #include "core/daemon_state.h"
 #include "core/log.h"
 #include "core/module_registry.h"
@@ -30,18 +31,9 @@ std::atomic<bool> btSnoopConfigChanged{false};
 
 namespace {
 
-struct JsonRelease {
-    void operator()(json_t* json) const { json_decref(json); }
-};
-using JsonPtr = std::unique_ptr<json_t, JsonRelease>;
-
-// Null when the member is missing or not a JSON string.
-const char* stringMember(const json_t* object, const char* key) {
-    return json_string_value(json_object_get(object, key));
-}
-
-// A module may leave a name or type null; it reads as empty, as in the document.
-const char* orEmpty(const char* value) { return value != nullptr ? value : ""; }
+using vigild::config::JsonPtr;
+using vigild::config::orEmpty;
+using vigild::config::stringMember;
 
 // Copies into a setting's fixed buffer, cutting what does not fit.
 void copyValue(char (&dst)[VD_CONFIG_VALUE_SIZE], const char* src) {
