@@ -76,13 +76,7 @@ void reloadQuickTapConfig() {
     LOGI("start()::Tw QuickTap is enabled::file to pick == %s", picked.c_str());
     std::string root = getDefaultDirectory();
     if (!root.empty()) {
-        if (root == "/sdcard/") {
-            loadConfigFile("/sdcard/Tellwick/config.json");
-        } else {
-            char path[128];
-            snprintf(path, sizeof(path), "%s%s", root.c_str(), "Tellwick/config.json");
-            loadConfigFile(path);
-        }
+        loadConfigFile(configFilePath(root).c_str());
         updateConfigDefault(1);
     }
     quickTapModeAtStart = 0;

@@ -76,14 +76,7 @@ int bootDaemon(DaemonThreads& threads) {
     threads.monitorEOF = std::thread(monitorEOF);
 
     runState = kStateStopped;
-    std::string root = getDefaultDirectory();
-    if (root == "/sdcard/") {
-        loadConfigFile("/sdcard/Tellwick/config.json");
-    } else {
-        char path[128];
-        snprintf(path, sizeof(path), "%s%s", root.c_str(), "Tellwick/config.json");
-        loadConfigFile(path);
-    }
+    loadConfigFile(configFilePath(getDefaultDirectory()).c_str());
 
     // Logging resumes after a reboot exactly when it was on before.
     char autostart[vigild::platform::kPropValueMax];
