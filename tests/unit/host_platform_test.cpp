@@ -20,6 +20,8 @@ using vigild::platform::kPropValueMax;
 using vigild::platform::host::FileProperties;
 using vigild::platform::host::HostProcesses;
 using vigild::platform::host::HostRoot;
+using vigild::platform::host::kDeadObject;
+using vigild::platform::host::kMaxFrameSize;
 using vigild::testing::TestPlatform;
 
 namespace {
@@ -34,9 +36,8 @@ class HostPlatformTest : public ::testing::Test {
         std::ofstream(hostPath, std::ios::binary) << content;
     }
     std::string readHost(const std::string& hostPath) {
-        std::ifstream in(hostPath, std::ios::binary);
         std::stringstream ss;
-        ss << in.rdbuf();
+        ss << std::ifstream(hostPath, std::ios::binary).rdbuf();
         return ss.str();
     }
     std::string get(const char* key, const char* fallback = "UNKNOWN") {
@@ -51,22 +52,30 @@ class HostPlatformTest : public ::testing::Test {
     FileProperties props{&root};
 };
 
+std::string drain(int fd) {
+    std::string output;
+    char buf[256];
+    for (ssize_t n; (n = read(fd, buf, sizeof(buf))) > 0;) output.append(buf, n);
+    close(fd);
+    return output;
+}
+
 }  // namespace
 
 TEST_F(HostPlatformTest, PropertyReads) {
+    std::pair<std::string, std::string> cases[] = {
+        {"", "UNKNOWN"},         // empty reads as the default
+        {"true\n", "true"},      // echo's newline is dropped
+        {"true\n\n", "true\n"},  // only one
+        {"\n", "UNKNOWN"},
+        {std::string(91, 'v') + "\n", std::string(91, 'v')},
+        {std::string(150, 'w'), std::string(91, 'w')},  // reads return at most 91 bytes
+    };
     EXPECT_EQ(get("persist.sys.vd.autostart"), "UNKNOWN");  // unset
-    writeHost(storeFile("persist.sys.vd.autostart"), "");
-    EXPECT_EQ(get("persist.sys.vd.autostart"), "UNKNOWN");  // empty reads as the default
-    writeHost(storeFile("persist.sys.vd.autostart"), "true\n");
-    EXPECT_EQ(get("persist.sys.vd.autostart"), "true");  // echo's newline is dropped
-    writeHost(storeFile("persist.sys.vd.autostart"), "true\n\n");
-    EXPECT_EQ(get("persist.sys.vd.autostart"), "true\n");  // only one
-    writeHost(storeFile("persist.sys.vd.autostart"), "\n");
-    EXPECT_EQ(get("persist.sys.vd.autostart"), "UNKNOWN");
-    writeHost(storeFile("long"), std::string(91, 'v') + "\n");
-    EXPECT_EQ(get("long"), std::string(91, 'v'));
-    writeHost(storeFile("longer"), std::string(150, 'w'));
-    EXPECT_EQ(get("longer"), std::string(91, 'w'));  // reads return at most 91 bytes
+    for (const auto& [stored, expected] : cases) {
+        writeHost(storeFile("persist.sys.vd.autostart"), stored);
+        EXPECT_EQ(get("persist.sys.vd.autostart"), expected) << stored;
+    }
     EXPECT_EQ(get("missing", nullptr), "");
     EXPECT_EQ(get("missing", std::string(120, 'd').c_str()), std::string(91, 'd'));
     // A folder, or a name that would leave the store, reads as unset.
@@ -98,14 +107,11 @@ TEST_F(HostPlatformTest, PropertyWrites) {
     std::string longName(240, 'n');
     EXPECT_EQ(props.set(longName.c_str(), "v"), 0);
     EXPECT_EQ(get(longName.c_str()), "v");
-
     // No temporary file is left behind.
     for (const auto& entry : std::filesystem::directory_iterator(storeFile(""))) {
         EXPECT_NE(entry.path().filename().string()[0], '.') << entry.path();
     }
-}
 
-TEST_F(HostPlatformTest, CtlStopIsStoredAndReported) {
     std::vector<std::string> seen;
     props.onCtlStop([&](const std::string& value) { seen.push_back(value); });
     EXPECT_EQ(props.set("ctl.stop", "vigild"), 0);
@@ -115,12 +121,10 @@ TEST_F(HostPlatformTest, CtlStopIsStoredAndReported) {
 }
 
 TEST_F(HostPlatformTest, ReadersNeverSeeHalfAValue) {
-    const std::string a(91, 'a');
-    const std::string b(91, 'b');
+    const std::string a(91, 'a'), b(91, 'b');
     ASSERT_EQ(props.set("persist.sys.vd.race", a.c_str()), 0);
     std::atomic<bool> done{false};
-    std::atomic<int> torn{0};
-    std::atomic<int> reads{0};
+    std::atomic<int> torn{0}, reads{0};
     auto reader = [&] {
         // Each reader has its own store object, as separate processes would.
         FileProperties mine(&root);
@@ -143,9 +147,7 @@ TEST_F(HostPlatformTest, ReadersNeverSeeHalfAValue) {
 }
 
 TEST(HostRootTest, MapsDevicePathsInsideTheRoot) {
-    struct Case {
-        std::string device, host;
-    } cases[] = {
+    std::pair<std::string, std::string> cases[] = {
         {"/sdcard/Tellwick/config.json", "/tmp/r/sdcard/Tellwick/config.json"},
         {"/sdcard/Tellwick/", "/tmp/r/sdcard/Tellwick/"},
         {"/", "/tmp/r/"},
@@ -162,7 +164,7 @@ TEST(HostRootTest, MapsDevicePathsInsideTheRoot) {
     for (const char* rootPath : {"/tmp/r", "/tmp/r/", "/tmp/r///"}) {
         HostRoot root(rootPath);
         EXPECT_EQ(root.root(), "/tmp/r");
-        for (const Case& c : cases) EXPECT_EQ(root.toHost(c.device), c.host) << c.device;
+        for (const auto& [device, host] : cases) EXPECT_EQ(root.toHost(device), host) << device;
     }
     HostRoot identity("/");
     EXPECT_EQ(identity.toHost("/sdcard/x"), "/sdcard/x");
@@ -180,51 +182,39 @@ TEST(ScaledClockTest, SleepsAreScaledAndTheWallClockIsNot) {
 
 namespace {
 
+void setOrUnset(const char* name, const char* value) {
+    value ? setenv(name, value, 1) : unsetenv(name);
+}
+
 struct EnvGuard {
+    std::optional<std::string> saved[2];
+    const char* names[2] = {"VIGILD_ROOT", "VIGILD_TIME_SCALE"};
     EnvGuard() {
-        for (const char* name : {"VIGILD_ROOT", "VIGILD_TIME_SCALE"}) {
-            const char* v = getenv(name);
-            saved.emplace_back(name, v ? std::optional<std::string>(v) : std::nullopt);
-        }
+        for (int i = 0; i < 2; i++)
+            if (const char* v = getenv(names[i])) saved[i] = v;
     }
     ~EnvGuard() {
-        for (auto& [name, value] : saved) {
-            if (value)
-                setenv(name.c_str(), value->c_str(), 1);
-            else
-                unsetenv(name.c_str());
-        }
+        for (int i = 0; i < 2; i++) setOrUnset(names[i], saved[i] ? saved[i]->c_str() : nullptr);
     }
-    std::vector<std::pair<std::string, std::optional<std::string>>> saved;
 };
-
-void setOrUnset(const char* name, const char* value) {
-    if (value)
-        setenv(name, value, 1);
-    else
-        unsetenv(name);
-}
 
 }  // namespace
 
 TEST(InstallFromEnvironmentTest, RefusesBadVariables) {
     EnvGuard guard;
-    struct Case {
-        const char* root;
-        const char* scale;
-    } cases[] = {
+    std::pair<const char*, const char*> cases[] = {
         {nullptr, nullptr}, {"", nullptr},      {"relative/root", nullptr}, {"/tmp/r", "0"},
         {"/tmp/r", "-1"},   {"/tmp/r", "abc"},  {"/tmp/r", "1x"},           {"/tmp/r", "inf"},
         {"/tmp/r", "nan"},  {"/tmp/r", "-0.5"}, {"/tmp/r", "0x1"},          {"/tmp/r", " 1"},
     };
-    for (const Case& c : cases) {
+    for (const auto& [rootVar, scale] : cases) {
         TestPlatform p;
         vigild::platform::DeviceRoot* before = vigild::platform::current().root;
-        setOrUnset("VIGILD_ROOT", c.root);
-        setOrUnset("VIGILD_TIME_SCALE", c.scale);
+        setOrUnset("VIGILD_ROOT", rootVar);
+        setOrUnset("VIGILD_TIME_SCALE", scale);
         std::string error;
         EXPECT_FALSE(vigild::platform::host::installFromEnvironment(&error))
-            << (c.root ? c.root : "unset") << " " << (c.scale ? c.scale : "unset");
+            << (rootVar ? rootVar : "unset") << " " << (scale ? scale : "unset");
         EXPECT_FALSE(error.empty());
         EXPECT_EQ(error.find('\n'), std::string::npos);
         EXPECT_EQ(vigild::platform::current().root, before);  // nothing installed
@@ -241,9 +231,8 @@ TEST(InstallFromEnvironmentTest, InstallsTheHostBackend) {
     auto& platform = vigild::platform::current();
     EXPECT_EQ(platform.root->toHost("/sdcard/x"), p.root() + "/sdcard/x");
     EXPECT_EQ(platform.properties->set("persist.sys.vd.autostart", "true"), 0);
-    std::ifstream in(p.root() + "/dev/__properties__/persist.sys.vd.autostart");
     std::string stored;
-    in >> stored;
+    std::ifstream(p.root() + "/dev/__properties__/persist.sys.vd.autostart") >> stored;
     EXPECT_EQ(stored, "true");
     auto start = std::chrono::steady_clock::now();
     platform.clock->sleepFor(std::chrono::seconds(60));
@@ -251,7 +240,7 @@ TEST(InstallFromEnvironmentTest, InstallsTheHostBackend) {
     // No service manager until "/dev/binder/" exists.
     EXPECT_EQ(platform.serviceManager(), nullptr);
     std::filesystem::create_directories(p.root() + "/dev/binder");
-    EXPECT_NE(platform.serviceManager(), nullptr);
+    ASSERT_NE(platform.serviceManager(), nullptr);
     EXPECT_EQ(platform.serviceManager()->getService("com.tandril.vd.Ivd_service"), nullptr);
 
     unsetenv("VIGILD_TIME_SCALE");  // defaults to 1
@@ -259,7 +248,7 @@ TEST(InstallFromEnvironmentTest, InstallsTheHostBackend) {
     TestPlatform restore;  // leaves a test backend installed for whatever runs next
 }
 
-TEST_F(HostPlatformTest, ProcessesHandleDeviceCommands) {
+TEST_F(HostPlatformTest, ProcessesHandleDeviceCommandsAndSpawnInsideTheRoot) {
     HostProcesses processes(&root, &props);
     EXPECT_EQ(processes.runShell("setprop persist.sys.vd.autostart true"), 0);
     EXPECT_EQ(get("persist.sys.vd.autostart"), "true");
@@ -278,33 +267,22 @@ TEST_F(HostPlatformTest, ProcessesHandleDeviceCommands) {
     ASSERT_NE(fgets(line, sizeof(line), stream), nullptr);
     EXPECT_STREQ(line, "hello\n");
     processes.closeShell(stream);
-}
 
-TEST_F(HostPlatformTest, SpawnRunsAProgramInsideTheRoot) {
     std::string tool = p.root() + "/system/bin/bugreportz";
     writeHost(tool, "#!/bin/sh\necho OK:/data/report.zip\necho oops >&2\nexit 4\n");
     ASSERT_EQ(chmod(tool.c_str(), 0755), 0);
-    HostProcesses processes(&root, &props);
-
     vigild::platform::Child child = processes.spawn("/system/bin/bugreportz");
     ASSERT_GT(child.pid, 0);
     ASSERT_GE(child.outputFd, 0);
-    std::string output;
-    char buf[256];
-    ssize_t n;
-    while ((n = read(child.outputFd, buf, sizeof(buf))) > 0) output.append(buf, n);
-    close(child.outputFd);
+    EXPECT_EQ(drain(child.outputFd), "OK:/data/report.zip\noops\n");
     int status = 0;
     EXPECT_EQ(processes.wait(child.pid, &status, 0), child.pid);
-    EXPECT_EQ(output, "OK:/data/report.zip\noops\n");
     EXPECT_TRUE(WIFEXITED(status));
     EXPECT_EQ(WEXITSTATUS(status), 4);
 
     child = processes.spawn("/system/bin/missing");
     ASSERT_GT(child.pid, 0);
-    while (read(child.outputFd, buf, sizeof(buf)) > 0) {
-    }
-    close(child.outputFd);
+    drain(child.outputFd);
     EXPECT_EQ(processes.wait(child.pid, &status, 0), child.pid);
     EXPECT_NE(WEXITSTATUS(status), 0);
 }
@@ -342,8 +320,13 @@ class FakeService {
     std::thread thread_;
 };
 
-void putU32(std::vector<uint8_t>& out, uint32_t v) {
-    for (int i = 0; i < 4; i++) out.push_back(static_cast<uint8_t>(v >> (8 * i)));
+// A reply frame: status, size, payload (little endian).
+void sendReply(int fd, int32_t status, uint32_t size, const std::vector<uint8_t>& payload = {}) {
+    std::vector<uint8_t> out;
+    for (uint32_t v : {static_cast<uint32_t>(status), size})
+        for (int i = 0; i < 4; i++) out.push_back(static_cast<uint8_t>(v >> (8 * i)));
+    out.insert(out.end(), payload.begin(), payload.end());
+    vigild::platform::host::writeAll(fd, out.data(), out.size());
 }
 
 std::vector<uint8_t> readRequest(int fd) {
@@ -364,11 +347,7 @@ TEST_F(HostPlatformTest, SocketTransportFrames) {
     std::vector<uint8_t> request;
     FakeService service(p.root(), [&](int fd) {
         request = readRequest(fd);
-        std::vector<uint8_t> reply;
-        putU32(reply, static_cast<uint32_t>(-74));
-        putU32(reply, 4);
-        for (uint8_t c : {'a', 'b', 'c', 'd'}) reply.push_back(c);
-        vigild::platform::host::writeAll(fd, reply.data(), reply.size());
+        sendReply(fd, -74, 4, {'a', 'b', 'c', 'd'});
         readRequest(fd);  // then the peer closes
     });
     EXPECT_TRUE(services.exists());
@@ -379,48 +358,40 @@ TEST_F(HostPlatformTest, SocketTransportFrames) {
     EXPECT_EQ(reply, (std::vector<uint8_t>{'a', 'b', 'c', 'd'}));
     EXPECT_EQ(request, (std::vector<uint8_t>{7, 0, 0, 0, 0, 0, 0, 0, 5, 0, 0, 0, 1, 2, 3, 4, 5}));
 
-    EXPECT_EQ(binder->transact(8, {}, &reply, 0), vigild::platform::host::kDeadObject);
+    EXPECT_EQ(binder->transact(8, {}, &reply, 0), kDeadObject);
     EXPECT_TRUE(reply.empty());
     EXPECT_EQ(services.getService("no.such.service"), nullptr);
     EXPECT_EQ(services.getService("../escape"), nullptr);
 }
 
-TEST_F(HostPlatformTest, SocketTransportRefusesAnOversizeReply) {
-    vigild::platform::host::SocketServiceManager services(&root);
-    FakeService service(p.root(), [](int fd) {
-        readRequest(fd);
-        std::vector<uint8_t> reply;
-        putU32(reply, 0);
-        putU32(reply, vigild::platform::host::kMaxFrameSize + 1);
-        vigild::platform::host::writeAll(fd, reply.data(), reply.size());
-        readRequest(fd);  // waits until the client closes
-    });
-    auto binder = services.getService("com.tandril.vd.Ivd_service");
-    ASSERT_NE(binder, nullptr);
-    std::vector<uint8_t> reply = {1};
-    EXPECT_EQ(binder->transact(1, {0, 0, 0, 0}, &reply, 0), vigild::platform::host::kDeadObject);
-    EXPECT_TRUE(reply.empty());
-    // The connection is closed: later transactions fail at once.
-    EXPECT_EQ(binder->transact(1, {0, 0, 0, 0}, &reply, 0), vigild::platform::host::kDeadObject);
-}
-
-TEST_F(HostPlatformTest, SocketTransportClosesOnAnOversizeRequest) {
-    vigild::platform::host::SocketServiceManager services(&root);
-    FakeService service(p.root(), [](int fd) {
-        // Answers every request it gets with an empty success frame.
-        while (!readRequest(fd).empty()) {
-            std::vector<uint8_t> reply;
-            putU32(reply, 0);
-            putU32(reply, 0);
-            vigild::platform::host::writeAll(fd, reply.data(), reply.size());
-        }
-    });
-    auto binder = services.getService("com.tandril.vd.Ivd_service");
-    ASSERT_NE(binder, nullptr);
-    std::vector<uint8_t> reply = {1};
-    std::vector<uint8_t> big(vigild::platform::host::kMaxFrameSize + 1);
-    EXPECT_EQ(binder->transact(2, big, &reply, 0), vigild::platform::host::kDeadObject);
-    EXPECT_TRUE(reply.empty());
-    // The connection went with the frame: nothing more reaches the live service.
-    EXPECT_EQ(binder->transact(1, {0, 0, 0, 0}, &reply, 0), vigild::platform::host::kDeadObject);
+TEST_F(HostPlatformTest, SocketTransportDropsTheConnectionOnAnOversizeFrame) {
+    struct {
+        std::function<void(int)> serve;
+        std::vector<uint8_t> request;
+    } cases[] = {
+        // An oversize reply.
+        {[](int fd) {
+             readRequest(fd);
+             sendReply(fd, 0, kMaxFrameSize + 1);
+             readRequest(fd);  // waits until the client closes
+         },
+         {0, 0, 0, 0}},
+        // An oversize request, to a service that answers every request with success.
+        {[](int fd) {
+             while (!readRequest(fd).empty()) sendReply(fd, 0, 0);
+         },
+         std::vector<uint8_t>(kMaxFrameSize + 1)},
+    };
+    for (auto& c : cases) {
+        vigild::platform::host::SocketServiceManager services(&root);
+        FakeService service(p.root(), c.serve);
+        auto binder = services.getService("com.tandril.vd.Ivd_service");
+        ASSERT_NE(binder, nullptr);
+        std::vector<uint8_t> reply = {1};
+        EXPECT_EQ(binder->transact(2, c.request, &reply, 0), kDeadObject);
+        EXPECT_TRUE(reply.empty());
+        // The connection is closed: later transactions fail at once.
+        EXPECT_EQ(binder->transact(1, {0, 0, 0, 0}, &reply, 0), kDeadObject);
+        std::filesystem::remove(p.root() + "/dev/binder/com.tandril.vd.Ivd_service");
+    }
 }
