@@ -96,6 +96,8 @@ TEST_F(IvdServiceTest, RequestsCarryTheTokenAndTheirFields) {
     proxy.setQcMetaIdVersion(std::string("Q\0Z", 3));
     EXPECT_EQ(lastFields(), (std::vector<int32_t>{1, 'Q'}));
 
+    int v;
+    std::string text, apps[2];
     struct {
         std::function<void()> call;
         uint32_t code;
@@ -109,36 +111,11 @@ TEST_F(IvdServiceTest, RequestsCarryTheTokenAndTheirFields) {
         {[&] { proxy.setTraceLevel(7); }, SET_TRACE_LEVEL, {7}},
         {[&] { proxy.isBTSnooplogConfigChanged(false); }, IS_BT_SNOOPLOG_CONFIG_CHANGED, {0}},
         {[&] { proxy.stopAmbientLight(); }, STOP_AMBIENT_LIGHT, {}},
-        {[&] {
-             int v;
-             proxy.wanSignalStrength(v);
-         },
-         WAN_SIGNAL_STRENGTH,
-         {1}},
-        {[&] {
-             std::string s[2];
-             proxy.foregroundApplication(s);
-         },
-         FOREGROUND_APPLICATION,
-         {2}},
-        {[&] {
-             std::string s;
-             proxy.getSDcardPath(s);
-         },
-         GET_SDCARD_PATH,
-         {1}},
-        {[&] {
-             int v;
-             proxy.wifiSignalStrength(v);
-         },
-         WIFI_SIGNAL_STRENGTH,
-         {1}},
-        {[&] {
-             int v;
-             proxy.deleteTwLogs(v);
-         },
-         DELETE_TW_LOGS,
-         {1}},
+        {[&] { proxy.wanSignalStrength(v); }, WAN_SIGNAL_STRENGTH, {1}},
+        {[&] { proxy.foregroundApplication(apps); }, FOREGROUND_APPLICATION, {2}},
+        {[&] { proxy.getSDcardPath(text); }, GET_SDCARD_PATH, {1}},
+        {[&] { proxy.wifiSignalStrength(v); }, WIFI_SIGNAL_STRENGTH, {1}},
+        {[&] { proxy.deleteTwLogs(v); }, DELETE_TW_LOGS, {1}},
         {[&] { proxy.updateValidUserStatus(false); }, UPDATE_VALID_USER_STATUS, {0}},
         {[&] { proxy.updateTwBugreportStatus(true); }, UPDATE_TW_BUGREPORT_STATUS, {1}},
         {[&] { proxy.getDeleteLogsParam(); }, GET_DELETE_LOGS_PARAM, {}},
@@ -150,22 +127,21 @@ TEST_F(IvdServiceTest, RequestsCarryTheTokenAndTheirFields) {
     }
 }
 
-TEST_F(IvdServiceTest, IncomingStringsKeepTheLowByte) {
+TEST_F(IvdServiceTest, IncomingStrings) {
+    // Only the low byte of each unit is kept.
     reply(Reply().i(0).s16(u"\u0041\u0142\u0043"));
     EXPECT_EQ(proxy.waitForResponse(), "ABC");
     reply(Reply().i(0).i(0).i(1).s16(u"\u0041\u0142\u0043"));
     std::string out = "old";
     EXPECT_EQ(proxy.serialNumber(out), 0);
     EXPECT_EQ(out, "ABC");
-}
 
-TEST_F(IvdServiceTest, EmptyAndOversizeLengthsYieldEmptyStrings) {
     for (int32_t n : {-1, 0, INT_MIN, INT_MAX, 1000, 0x40000000}) {
         SCOPED_TRACE(n);
         reply(Reply().i(0).i(n).i(0x00420041));
         EXPECT_EQ(proxy.receiveConfig(), "");
         reply(Reply().i(0).i(0).i(1).i(n).i(0x00420041));
-        std::string out = "old";
+        out = "old";
         EXPECT_EQ(proxy.modelNumber(out), 0);
         EXPECT_EQ(out, "");
     }
@@ -175,15 +151,12 @@ TEST_F(IvdServiceTest, EmptyAndOversizeLengthsYieldEmptyStrings) {
     EXPECT_EQ(proxy.waitForResponse(), "");
     EXPECT_EQ(proxy.sendState(1), 0);
     EXPECT_EQ(proxy.getState(), 0);
-}
 
-TEST_F(IvdServiceTest, ALengthOfMinusOneConsumesOnlyTheLengthWord) {
-    // Two strings: the first null, the second right after its length word.
+    // A length of -1 (a null string) consumes only its length word.
     reply(Reply().i(0).i(0).i(2).i(-1).s16(u"zz"));
     std::string apps[2] = {"x", "y"};
     EXPECT_EQ(proxy.foregroundApplication(apps), 0);
-    EXPECT_EQ(apps[0], "");
-    EXPECT_EQ(apps[1], "zz");
+    EXPECT_EQ(apps[0] + "|" + apps[1], "|zz");
 }
 
 TEST_F(IvdServiceTest, ExceptionRepliesGiveTheFailureValues) {
@@ -199,17 +172,13 @@ TEST_F(IvdServiceTest, ExceptionRepliesGiveTheFailureValues) {
     EXPECT_EQ(proxy.getState(), -1);
     EXPECT_EQ(proxy.bluetoothIsEnabled(), -1);
     EXPECT_EQ(proxy.sendState(1), -1);
+    // Out values stay as they were.
     int out = 42;
-    EXPECT_EQ(proxy.wanSignalStrength(out), -1);
-    EXPECT_EQ(out, 42);
-    EXPECT_EQ(proxy.wifiSignalStrength(out), -1);
-    EXPECT_EQ(out, 42);
-    std::string text = "kept";
-    EXPECT_EQ(proxy.dhcp(text), -1);
-    EXPECT_EQ(text, "kept");
-    std::string apps[2] = {"a", "b"};
-    EXPECT_EQ(proxy.foregroundApplication(apps), -1);
-    EXPECT_EQ(apps[1], "b");
+    std::string text = "kept", apps[2] = {"a", "b"};
+    EXPECT_EQ((std::vector<int>{proxy.wanSignalStrength(out), proxy.wifiSignalStrength(out),
+                                proxy.dhcp(text), proxy.foregroundApplication(apps)}),
+              (std::vector<int>{-1, -1, -1, -1}));
+    EXPECT_EQ(std::to_string(out) + text + apps[1], "42keptb");
     EXPECT_EQ(platform.log().count("Ivd_service got an exception -3", kLogError), 3);
 
     // Without the debug switch the proxy's own exception line stays silent.
@@ -220,16 +189,14 @@ TEST_F(IvdServiceTest, ExceptionRepliesGiveTheFailureValues) {
     EXPECT_EQ(platform.log().lines().size(), 0u);
 }
 
-TEST_F(IvdServiceTest, TheReplyHeaderIsSkipped) {
+TEST_F(IvdServiceTest, ReplyHeaderStatusWordAndValueForms) {
     // -128, a header of 12 bytes (counting its size word), then the value.
     reply(Reply().i(-128).i(12).i(99).i(99).i(7));
     EXPECT_EQ(proxy.getDeleteLogsParam(), 7);
     // A header size that cannot be right leaves nothing to read.
     reply(Reply().i(-128).i(4000).i(7));
     EXPECT_EQ(proxy.getDeleteLogsParam(), 0);
-}
 
-TEST_F(IvdServiceTest, StatusWordAndValueForms) {
     reply(Reply().i(0).i(1).i(1).s16(u"x"));
     std::string out = "kept";
     EXPECT_EQ(proxy.bspNumber(out), -1);
