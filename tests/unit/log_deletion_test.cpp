@@ -1,6 +1,5 @@
 #include "storage/log_deletion.h"
 
-#include <dirent.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -31,13 +30,13 @@ class LogDeletionTest : public ::testing::Test {
     void link(const std::string& targetDevicePath, const std::string& devicePath) {
         ASSERT_EQ(symlink(p.hostPath(targetDevicePath).c_str(), p.hostPath(devicePath).c_str()), 0);
     }
-    bool isLink(const std::string& devicePath) {
-        struct stat st;
-        return lstat(p.hostPath(devicePath).c_str(), &st) == 0 && S_ISLNK(st.st_mode);
-    }
+    // Gone, not even a dangling link left.
     bool gone(const std::string& devicePath) {
         struct stat st;
         return lstat(p.hostPath(devicePath).c_str(), &st) != 0;
+    }
+    void writeAll(const std::string& top, std::initializer_list<const char*> files) {
+        for (const char* file : files) p.writeFile(top + file, "x");
     }
 
     TestPlatform p;
@@ -52,17 +51,18 @@ void writeNormalTree(TestPlatform& p, const std::string& top) {
     p.makeDir(top + "empty");
 }
 
-TEST(LogDeletionTypes, NormalLayoutByDeleteType) {
+TEST(LogDeletionTypes, NormalAndSecureLayoutByDeleteType) {
     // Which paths survive, per delete type. -1 (a failed service call) and 3 act as 1.
     const std::vector<std::string> paths = {
         "TwInfo.txt",      "config.json",     "Backup1.zip", "log.txt", "sub/a.log",
         "sub/Backup2.zip", "sub/config.json", "only/b.log",  "only",    "empty"};
+    const std::vector<bool> one = {true, true, true, false, false, true, true, false, false, false};
     const std::map<int, std::vector<bool>> survivors = {
         {0, {true, true, false, false, false, false, true, false, false, false}},
-        {1, {true, true, true, false, false, true, true, false, false, false}},
+        {1, one},
         {2, {true, true, false, true, true, false, true, true, true, false}},
-        {-1, {true, true, true, false, false, true, true, false, false, false}},
-        {3, {true, true, true, false, false, true, true, false, false, false}},
+        {-1, one},
+        {3, one},
     };
     for (const auto& [type, expected] : survivors) {
         TestPlatform p;
@@ -73,21 +73,19 @@ TEST(LogDeletionTypes, NormalLayoutByDeleteType) {
                 << "type " << type << ": " << paths[i];
         }
     }
-}
 
-TEST(LogDeletionTypes, SecureLayoutByDeleteType) {
-    struct Case {
+    struct {
         int type;
-        bool secureKept;
-        bool secureBackupKept;
-    };
-    for (const Case& c : {Case{0, false, false}, Case{1, false, true}, Case{2, true, false},
-                          Case{-1, false, true}}) {
+        bool secureKept, secureBackupKept;
+    } cases[] = {{0, false, false}, {1, false, true}, {2, true, false}, {-1, false, true}};
+    for (const auto& c : cases) {
         TestPlatform p;
-        p.writeFile("/sdcard/" + kSecure + "modem/m.log", "x");
-        p.writeFile("/sdcard/Tellwick/SecureBackup1.zip", "x");
-        p.writeFile("/sdcard/Tellwick/Backup1.zip", "x");
-        p.writeFile("/sdcard/Tellwick/config.json", "x");
+        for (const std::string& file : {"/sdcard/" + kSecure + "modem/m.log",
+                                        std::string("/sdcard/Tellwick/SecureBackup1.zip"),
+                                        std::string("/sdcard/Tellwick/Backup1.zip"),
+                                        std::string("/sdcard/Tellwick/config.json")}) {
+            p.writeFile(file, "x");
+        }
         EXPECT_EQ(deleteLogFilesSecure("/sdcard/", c.type), 0);
         EXPECT_EQ(p.exists("/sdcard/" + kSecure + "modem/m.log"), c.secureKept) << c.type;
         EXPECT_EQ(p.exists("/sdcard/Tellwick/SecureBackup1.zip"), c.secureBackupKept) << c.type;
@@ -116,71 +114,40 @@ TEST_F(LogDeletionTest, MissingPlainOrEmptiedTopFolder) {
     EXPECT_FALSE(p.exists("/sdcard/Tellwick"));
 }
 
-TEST_F(LogDeletionTest, LinksAreRemovedAsLinksNeverFollowed) {
-    p.writeFile("/outside/dir/precious.txt", "keep");
-    p.writeFile("/outside/file.txt", "keep");
-    p.writeFile("/sdcard/Tellwick/log.txt", "x");
-    p.makeDir("/sdcard/Tellwick/sub");
-    link("/outside/dir", "/sdcard/Tellwick/dirlink");
-    link("/outside/file.txt", "/sdcard/Tellwick/sub/filelink");
-    link("/outside/dir", "/sdcard/Tellwick/Backup-link");
-
-    EXPECT_EQ(deleteLogFilesUnsecure("/sdcard/Tellwick/", 0), 0);
-    EXPECT_EQ(p.readFile("/outside/dir/precious.txt"), "keep");
-    EXPECT_EQ(p.readFile("/outside/file.txt"), "keep");
-    EXPECT_TRUE(gone("/sdcard/Tellwick/dirlink"));
-    EXPECT_TRUE(gone("/sdcard/Tellwick/sub/filelink"));
-    EXPECT_TRUE(gone("/sdcard/Tellwick/Backup-link"));
-    EXPECT_TRUE(gone("/sdcard/Tellwick"));
-}
-
-TEST_F(LogDeletionTest, LinkAsTopFolderIsNotWalked) {
-    p.writeFile("/outside/dir/precious.txt", "keep");
-    p.writeFile("/outside/dir/SecureBackup1.zip", "keep");
+TEST_F(LogDeletionTest, LinkAsOrOnTheWayToTheTopFolderIsNotFollowed) {
+    writeAll("/outside/", {"Tellwick/log.txt", "Tellwick/SecureBackup1.zip"});
+    p.writeFile("/outside/" + kSecure + "a.log", "x");
     p.makeDir("/sdcard");
-    link("/outside/dir", "/sdcard/Tellwick");
-
-    EXPECT_EQ(deleteSecureBackup("/sdcard/Tellwick/"), -1);
-    EXPECT_EQ(deleteUnsecureLogData("/sdcard/Tellwick/"), -1);
-    EXPECT_EQ(deleteLogFilesUnsecure("/sdcard/Tellwick/", 0), -1);
-    EXPECT_EQ(p.readFile("/outside/dir/precious.txt"), "keep");
-    EXPECT_EQ(p.readFile("/outside/dir/SecureBackup1.zip"), "keep");
-}
-
-TEST_F(LogDeletionTest, LinkOnTheWayToTheTopFolderIsNotFollowed) {
-    const std::string outside = "/outside/";
-    p.writeFile(outside + "Tellwick/log.txt", "keep");
-    p.writeFile(outside + "Tellwick/SecureBackup1.zip", "keep");
-    p.writeFile(outside + kSecure + "a.log", "keep");
-    p.makeDir("/sdcard");
+    link("/outside/Tellwick", "/sdcard/Tellwick");
     link("/outside", "/sdcard/x");
 
-    EXPECT_EQ(deleteLogFilesUnsecure("/sdcard/x/Tellwick/", 0), -1);
-    EXPECT_EQ(deleteSecureBackup("/sdcard/x/Tellwick/"), -1);
-    EXPECT_EQ(deleteUnsecureLogData("/sdcard/x/Tellwick/"), -1);
+    for (const char* top : {"/sdcard/Tellwick/", "/sdcard/x/Tellwick/"}) {
+        EXPECT_EQ(deleteSecureBackup(top), -1) << top;
+        EXPECT_EQ(deleteUnsecureLogData(top), -1) << top;
+        EXPECT_EQ(deleteLogFilesUnsecure(top, 0), -1) << top;
+    }
     deleteLogFilesSecure("/sdcard/x/", 0);
     removeSecureLogs("/sdcard/x/");
     removeUnsecureLogs("/sdcard/x/");
-    for (const char* file : {"Tellwick/log.txt", "Tellwick/SecureBackup1.zip"}) {
-        EXPECT_EQ(p.readFile(outside + file), "keep") << file;
+    for (const std::string& file : {std::string("Tellwick/log.txt"),
+                                    std::string("Tellwick/SecureBackup1.zip"), kSecure + "a.log"}) {
+        EXPECT_TRUE(p.exists("/outside/" + file)) << file;
     }
-    EXPECT_EQ(p.readFile(outside + kSecure + "a.log"), "keep");
-    EXPECT_TRUE(isLink("/sdcard/x"));
+    EXPECT_TRUE(std::filesystem::is_symlink(p.hostPath("/sdcard/x")));
 }
 
 TEST_F(LogDeletionTest, LogLinesNameEntriesAsFormed) {
     p.writeFile("/sdcard/Tellwick/sub/a.log", "x");
     deleteLogFilesUnsecure("/sdcard/Tellwick/", 0);
-    const char* const walk[] = {
-        "deleteLogFilesUnsecure::Start::path = /sdcard/Tellwick/, deleteLogType== 0",
-        "remove /sdcard/Tellwick//sub",
-        "deleteLogFilesUnsecure::Start::path = /sdcard/Tellwick//sub, deleteLogType== 0",
-        "remove /sdcard/Tellwick//sub/a.log",
-        "deleteSecureBackup::End",
-        "deleteSecureBackup::End",
-    };
     int at = -1;
-    for (const char* line : walk) {
+    for (const char* line : {
+             "deleteLogFilesUnsecure::Start::path = /sdcard/Tellwick/, deleteLogType== 0",
+             "remove /sdcard/Tellwick//sub",
+             "deleteLogFilesUnsecure::Start::path = /sdcard/Tellwick//sub, deleteLogType== 0",
+             "remove /sdcard/Tellwick//sub/a.log",
+             "deleteSecureBackup::End",
+             "deleteSecureBackup::End",
+         }) {
         at = p.log().indexOf(line, at + 1);
         ASSERT_GE(at, 0) << line;
     }
@@ -205,7 +172,7 @@ TEST_F(LogDeletionTest, LogLinesNameEntriesAsFormed) {
     EXPECT_TRUE(p.log().contains("remove " + full.substr(0, 1034)));
 }
 
-TEST_F(LogDeletionTest, LinksInsideTheOtherLayoutAreNotFollowed) {
+TEST_F(LogDeletionTest, LinksInsideEitherLayoutAreRemovedNotFollowed) {
     p.writeFile("/outside/dir/precious.txt", "keep");
     p.writeFile("/sdcard/" + kSecure + "a.log", "x");
     link("/outside/dir", "/sdcard/" + kSecure + "link");
@@ -224,58 +191,29 @@ TEST_F(LogDeletionTest, LinksInsideTheOtherLayoutAreNotFollowed) {
     EXPECT_EQ(p.readFile("/outside/dir/precious.txt"), "keep");
 }
 
-int openDescriptors() {
-    int n = 0;
-    if (DIR* dir = opendir("/proc/self/fd")) {
-        while (readdir(dir) != nullptr) n++;
-        closedir(dir);
-    }
-    return n;
-}
-
-TEST_F(LogDeletionTest, VeryDeepTreeFailsCleanly) {
-    std::string deep = "/sdcard/Tellwick";
-    for (int i = 0; i < 300; i++) deep += "/d";
-    p.writeFile(deep + "/bottom.log", "x");
-    p.writeFile("/sdcard/Tellwick/top.log", "x");
-    const int before = openDescriptors();
-
-    EXPECT_LT(deleteLogFilesUnsecure("/sdcard/Tellwick/", 0), 0);
-    EXPECT_FALSE(p.exists("/sdcard/Tellwick/top.log"));
-    EXPECT_TRUE(p.exists(deep + "/bottom.log"));
-
-    EXPECT_EQ(deleteUnsecureLogData("/sdcard/Tellwick/"), -1);
-    EXPECT_TRUE(p.log().contains("deleteUnsecureLogData::Failed to delete directory", kLogError));
-    EXPECT_EQ(openDescriptors(), before);
-}
-
 TEST_F(LogDeletionTest, UnsecureDataKeepsConfigurationInfoAndSecureBackups) {
-    for (const char* file :
-         {"config.json", "TwInfo.txt", "SecureBackup-1.zip", "log.txt", "SecureBackup-1.txt",
-          "xSecureBackup.zip", "a/config.json", "a/b/c.log", "Backup1.zip"}) {
-        p.writeFile(std::string("/sdcard/Tellwick/") + file, "x");
-    }
+    writeAll("/sdcard/Tellwick/",
+             {"config.json", "TwInfo.txt", "SecureBackup-1.zip", "log.txt", "SecureBackup-1.txt",
+              "xSecureBackup.zip", "a/config.json", "a/b/c.log", "Backup1.zip"});
     EXPECT_EQ(deleteUnsecureLogData("/sdcard/Tellwick/"), -1) << "a/ keeps its config.json";
     EXPECT_TRUE(p.log().contains("deleteUnsecureLogData::Failed to remove directory", kLogError));
 
     std::filesystem::remove(p.hostPath("/sdcard/Tellwick/a/config.json"));
     EXPECT_EQ(deleteUnsecureLogData("/sdcard/Tellwick/"), 0);
-    EXPECT_TRUE(p.exists("/sdcard/Tellwick/config.json"));
-    EXPECT_TRUE(p.exists("/sdcard/Tellwick/TwInfo.txt"));
-    EXPECT_TRUE(p.exists("/sdcard/Tellwick/SecureBackup-1.zip"));
-    EXPECT_FALSE(p.exists("/sdcard/Tellwick/SecureBackup-1.txt"));
-    EXPECT_FALSE(p.exists("/sdcard/Tellwick/xSecureBackup.zip"));
-    EXPECT_FALSE(p.exists("/sdcard/Tellwick/log.txt"));
-    EXPECT_FALSE(p.exists("/sdcard/Tellwick/Backup1.zip"));
-    EXPECT_FALSE(p.exists("/sdcard/Tellwick/a"));
+    for (const char* kept : {"config.json", "TwInfo.txt", "SecureBackup-1.zip"}) {
+        EXPECT_TRUE(p.exists(std::string("/sdcard/Tellwick/") + kept)) << kept;
+    }
+    for (const char* removed :
+         {"SecureBackup-1.txt", "xSecureBackup.zip", "log.txt", "Backup1.zip", "a"}) {
+        EXPECT_FALSE(p.exists(std::string("/sdcard/Tellwick/") + removed)) << removed;
+    }
 }
 
-TEST_F(LogDeletionTest, RemoveSecureLogsFromCardRoot) {
+TEST_F(LogDeletionTest, RemoveLogsFromCardRootCleansBothRoots) {
     p.writeFile("/storage/1A2B-3C4D/" + kSecure + "a.log", "x");
     p.writeFile("/sdcard/" + kSecure + "b.log", "x");
-    p.writeFile("/storage/1A2B-3C4D/Tellwick/SecureBackup1.zip", "x");
-    p.writeFile("/storage/1A2B-3C4D/Tellwick/log.txt", "x");
-    p.writeFile("/sdcard/Tellwick/SecureBackup2.zip", "x");
+    writeAll("/storage/1A2B-3C4D/Tellwick/", {"SecureBackup1.zip", "log.txt", "config.json"});
+    writeAll("/sdcard/Tellwick/", {"SecureBackup2.zip", "log.txt"});
 
     removeSecureLogs("/storage/1A2B-3C4D/");
     EXPECT_FALSE(p.exists("/storage/1A2B-3C4D/" + kSecure));
@@ -283,6 +221,12 @@ TEST_F(LogDeletionTest, RemoveSecureLogsFromCardRoot) {
     EXPECT_FALSE(p.exists("/storage/1A2B-3C4D/Tellwick/SecureBackup1.zip"));
     EXPECT_FALSE(p.exists("/sdcard/Tellwick/SecureBackup2.zip"));
     EXPECT_TRUE(p.exists("/storage/1A2B-3C4D/Tellwick/log.txt"));
+
+    removeUnsecureLogs("/storage/1A2B-3C4D/");
+    EXPECT_FALSE(p.exists("/storage/1A2B-3C4D/Tellwick/log.txt"));
+    EXPECT_TRUE(p.exists("/storage/1A2B-3C4D/Tellwick/config.json"));
+    EXPECT_FALSE(p.exists("/sdcard/Tellwick/log.txt"));
+    EXPECT_TRUE(p.log().contains("removeUnsecureLogs::End"));
 }
 
 TEST_F(LogDeletionTest, RemoveSecureLogsFromInternalAsksServiceForTheCard) {
@@ -304,19 +248,9 @@ TEST_F(LogDeletionTest, RemoveSecureLogsFromInternalAsksServiceForTheCard) {
     EXPECT_FALSE(p.exists("/storage/1A2B-3C4D/Tellwick/SecureBackup1.zip"));
 }
 
-TEST_F(LogDeletionTest, RemoveUnsecureLogsCleansCardAndInternal) {
-    p.writeFile("/storage/1A2B-3C4D/Tellwick/log.txt", "x");
-    p.writeFile("/storage/1A2B-3C4D/Tellwick/config.json", "x");
-    p.writeFile("/sdcard/Tellwick/log.txt", "x");
-    removeUnsecureLogs("/storage/1A2B-3C4D/");
-    EXPECT_FALSE(p.exists("/storage/1A2B-3C4D/Tellwick/log.txt"));
-    EXPECT_TRUE(p.exists("/storage/1A2B-3C4D/Tellwick/config.json"));
-    EXPECT_FALSE(p.exists("/sdcard/Tellwick/log.txt"));
-    EXPECT_TRUE(p.log().contains("removeUnsecureLogs::End"));
-}
-
-TEST_F(LogDeletionTest, DeleteTwLogsWithoutServiceDeletesEverything) {
+TEST_F(LogDeletionTest, DeleteTwLogsTakesTheTypeFromTheService) {
     p.setProperty("persist.sys.vd.storage_path", "/sdcard/");
+    // Without a service everything goes.
     writeNormalTree(p, "/sdcard/Tellwick/");
     deleteTwLogs();
     EXPECT_TRUE(p.log().contains("Failed to obtain a handle on vd_service", kLogError));
@@ -324,14 +258,12 @@ TEST_F(LogDeletionTest, DeleteTwLogsWithoutServiceDeletesEverything) {
     EXPECT_FALSE(p.exists("/sdcard/Tellwick/log.txt"));
     EXPECT_TRUE(p.exists("/sdcard/Tellwick/config.json"));
     EXPECT_TRUE(p.log().contains("deleteLogs::finish"));
-}
 
-TEST_F(LogDeletionTest, DeleteTwLogsTakesTheTypeFromTheService) {
     vdstandin::StandinService service(p.root());
     ASSERT_TRUE(service.start());
     service.updateAnswers([](vdstandin::DeviceAnswers& a) { a.deleteLogsParam = 2; });
-    p.setProperty("persist.sys.vd.storage_path", "/sdcard/");
     writeNormalTree(p, "/sdcard/Tellwick/");
+    p.log().clear();
     deleteTwLogs();
     EXPECT_FALSE(p.log().contains("Failed to obtain a handle on vd_service"));
     EXPECT_FALSE(p.exists("/sdcard/Tellwick/Backup1.zip"));
@@ -373,8 +305,7 @@ TEST_F(LogDeletionTest, ResetToDefaultRestoresSettingsSavesAndSends) {
         EXPECT_STREQ(c.value, c.defaultValue) << c.name;
     }
     EXPECT_EQ(p.property("persist.sys.vd.internal_sd"), "false");
-    std::string saved = p.readFile("/sdcard/Tellwick/config.json");
-    EXPECT_NE(saved.find("QuickTapModule"), std::string::npos) << saved;
+    EXPECT_NE(p.readFile("/sdcard/Tellwick/config.json").find("QuickTapModule"), std::string::npos);
     auto configs = service.configs();
     ASSERT_EQ(configs.size(), 1u);
     EXPECT_NE(configs[0].find("QuickTapModule"), std::string::npos) << configs[0];
