@@ -28,14 +28,13 @@ class StorageRootTest : public ::testing::Test {
     TestPlatform p;
 };
 
-TEST_F(StorageRootTest, UnsetPropertyReturnsInternalAndTouchesNothing) {
+TEST_F(StorageRootTest, UnsetOrForeignPathGivesInternal) {
     EXPECT_EQ(getDefaultDirectory(), "/sdcard/");
     EXPECT_FALSE(p.exists("/sdcard/Tellwick"));
     EXPECT_FALSE(p.properties().value(kStoragePath).has_value());
     EXPECT_TRUE(p.log().contains("getDefaultDirectory returning /sdcard/"));
-}
 
-TEST_F(StorageRootTest, PathOutsideTheRootsIsRewrittenToInternal) {
+    // A path outside the roots is rewritten to internal storage.
     p.setProperty(kStoragePath, "/data/logs/");
     EXPECT_EQ(getDefaultDirectory(), "/sdcard/");
     EXPECT_EQ(p.property(kStoragePath), "/sdcard/");
@@ -45,13 +44,11 @@ TEST_F(StorageRootTest, PathOutsideTheRootsIsRewrittenToInternal) {
 
 // Table tests below make one platform per row, so they use no fixture.
 TEST(StorageRootTable, InternalSecureLayoutAndOwnershipFixUp) {
-    struct Case {
-        const char* platformName;  // nullptr: unset
-        bool chown;
-    };
-    for (const Case& c : {Case{nullptr, true}, Case{"cedar", false}, Case{"cedar2", true}}) {
+    // The platform name (nullptr: unset) decides whether ownership is fixed up.
+    for (const auto& [name, chown] : std::initializer_list<std::pair<const char*, bool>>{
+             {nullptr, true}, {"cedar", false}, {"cedar2", true}}) {
         TestPlatform q;
-        if (c.platformName != nullptr) q.setProperty("ro.tandril.platform.name", c.platformName);
+        if (name != nullptr) q.setProperty("ro.tandril.platform.name", name);
         q.setProperty("persist.sys.vd.secure_mode", "true");
         q.setProperty(kStoragePath, "/sdcard/");
         q.writeFile("/sdcard/Tellwick/old.log", "x");
@@ -63,11 +60,11 @@ TEST(StorageRootTable, InternalSecureLayoutAndOwnershipFixUp) {
         EXPECT_TRUE(q.exists("/sdcard/Tellwick/config.json"));
         auto commands = q.processes().commands();
         bool ran = std::find(commands.begin(), commands.end(), kChown) != commands.end();
-        EXPECT_EQ(ran, c.chown) << (c.platformName ? c.platformName : "(unset)");
+        EXPECT_EQ(ran, chown) << (name ? name : "(unset)");
     }
 }
 
-TEST_F(StorageRootTest, CardIsAdoptedInNormalMode) {
+TEST_F(StorageRootTest, CardIsAdoptedInNormalModeUnlessLoggingInternally) {
     p.setProperty(kStoragePath, "/sdcard/");
     p.makeDir("/storage/emulated");
     p.makeDir("/storage/self");
@@ -80,6 +77,14 @@ TEST_F(StorageRootTest, CardIsAdoptedInNormalMode) {
     EXPECT_FALSE(p.exists(std::string("/storage/1A2B-3C4D/") + kSecureFolder));
     // The secure layout on internal storage goes too.
     EXPECT_FALSE(p.exists(std::string("/sdcard/") + kSecureFolder));
+
+    // Internal storage logging keeps logs off the card.
+    std::filesystem::remove_all(p.hostPath("/storage/1A2B-3C4D/Tellwick"));
+    p.setProperty("persist.sys.vd.internal_sd", "true");
+    p.setProperty(kStoragePath, "/sdcard/");
+    EXPECT_EQ(getDefaultDirectory(), "/sdcard/");
+    EXPECT_EQ(p.property(kStoragePath), "/sdcard/");
+    EXPECT_FALSE(p.exists("/storage/1A2B-3C4D/Tellwick"));
 }
 
 TEST_F(StorageRootTest, SecureModeRefusesUnencryptedCardAndAcceptsEncryptedOne) {
@@ -101,15 +106,6 @@ TEST_F(StorageRootTest, SecureModeRefusesUnencryptedCardAndAcceptsEncryptedOne) 
     EXPECT_TRUE(p.exists(std::string("/storage/1A2B-3C4D/") + kSecureFolder));
     EXPECT_FALSE(p.exists("/storage/1A2B-3C4D/Tellwick/plain.log"));
     EXPECT_TRUE(p.log().contains("external sdcard ecrypt check == 1"));
-}
-
-TEST_F(StorageRootTest, InternalStorageLoggingKeepsLogsOffTheCard) {
-    p.setProperty(kStoragePath, "/sdcard/");
-    p.setProperty("persist.sys.vd.internal_sd", "true");
-    p.makeDir("/storage/1A2B-3C4D");
-    EXPECT_EQ(getDefaultDirectory(), "/sdcard/");
-    EXPECT_EQ(p.property(kStoragePath), "/sdcard/");
-    EXPECT_FALSE(p.exists("/storage/1A2B-3C4D/Tellwick"));
 }
 
 TEST_F(StorageRootTest, CardThatAppearsAndDisappears) {
@@ -144,59 +140,45 @@ TEST_F(StorageRootTest, ThreadsResolvingAtOnceAllGetTheCard) {
 }
 
 TEST(StorageRootTable, CardFolderNames) {
-    struct Case {
+    struct {
         const char* name;
-        bool directory;
-        bool card;
-    };
-    const Case cases[] = {
+        bool directory, card;
+    } cases[] = {
         {"1A2B-3C4D", true, true},   {"1a2b-3c4d", true, true},  {"1A2B3C4D", true, false},
         {"1A2B-3C4DX", true, false}, {"G12B-3C4D", true, false}, {"emulated", true, false},
         {"1A2B-3C4D", false, false},
     };
-    for (const Case& c : cases) {
+    for (const auto& c : cases) {
         TestPlatform q;
         std::string path = std::string("/storage/") + c.name;
-        if (c.directory) {
-            q.makeDir(path);
-        } else {
-            q.writeFile(path, "not a folder");
-        }
-        std::string found;
+        c.directory ? q.makeDir(path) : q.writeFile(path, "not a folder");
+        std::string found = "untouched";
         EXPECT_EQ(isExternalSDCardPresentAndReturnPath(found), c.card) << c.name;
-        if (c.card) {
-            EXPECT_EQ(found, path);
-        }
+        EXPECT_EQ(found, c.card ? path : "untouched") << c.name;
     }
-}
-
-TEST_F(StorageRootTest, LinkNamedLikeACardIsNotACard) {
-    p.makeDir("/elsewhere");
-    p.makeDir("/storage");
-    ASSERT_EQ(symlink(p.hostPath("/elsewhere").c_str(), p.hostPath("/storage/1A2B-3C4D").c_str()),
+    // A link named like a card is not a card.
+    TestPlatform q;
+    q.makeDir("/elsewhere");
+    q.makeDir("/storage");
+    ASSERT_EQ(symlink(q.hostPath("/elsewhere").c_str(), q.hostPath("/storage/1A2B-3C4D").c_str()),
               0);
     std::string found = "untouched";
     EXPECT_FALSE(isExternalSDCardPresentAndReturnPath(found));
     EXPECT_EQ(found, "untouched");
 }
 
-TEST_F(StorageRootTest, StorageRootPattern) {
+TEST_F(StorageRootTest, StorageRootPatternAndCorrectedLogPaths) {
     for (const char* yes : {"/sdcard/", "/storage/1A2B-3C4D/Tellwick/"}) {
         EXPECT_TRUE(startsWithSdcardOrStorage(yes)) << yes;
     }
     for (const char* no : {"/sdcard", "/data/logs/", " /sdcard/", ""}) {
         EXPECT_FALSE(startsWithSdcardOrStorage(no)) << no;
     }
-}
 
-TEST_F(StorageRootTest, CorrectedLogPaths) {
-    struct Case {
-        const char* module;
-        const char* normal;
-        const char* secure;
-    };
     const std::string s = std::string("/sdcard/") + kSecureFolder;
-    const Case cases[] = {
+    struct {
+        const char *module, *normal, *secure;
+    } cases[] = {
         {"ANRModule", "/sdcard/Tellwick/anr/", "anr/"},
         {"btsnooplogmodule", "/sdcard/Tellwick/btsnooplog/", "btsnooplog/"},
         {"LTSModule", "/sdcard/TellwickLTS/", "TellwickLTS/"},
@@ -207,9 +189,9 @@ TEST_F(StorageRootTest, CorrectedLogPaths) {
         {"ANRModule2", "/sdcard/Tellwick/", ""},
     };
     p.setProperty(kStoragePath, "/sdcard/");
-    for (const Case& c : cases) EXPECT_EQ(returnCorrectedLogPath(c.module), c.normal) << c.module;
+    for (const auto& c : cases) EXPECT_EQ(returnCorrectedLogPath(c.module), c.normal) << c.module;
     p.setProperty("persist.sys.vd.secure_mode", "true");
-    for (const Case& c : cases) {
+    for (const auto& c : cases) {
         EXPECT_EQ(returnCorrectedLogPath(c.module), s + c.secure) << c.module;
     }
     EXPECT_TRUE(p.log().contains("utility::returnCorrectedLogPath::isTwSecureMode == 1"));
@@ -242,19 +224,18 @@ TEST_F(StorageRootTest, DeviceQuestionsPutToTheService) {
 
     vdstandin::StandinService service(p.root());
     ASSERT_TRUE(service.start());
-    struct Case {
+    struct {
         int present;
         const char* path;
         bool expectPresent;
         const char* expectPath;
-    };
-    const Case cases[] = {
+    } cases[] = {
         {1, "/storage/1A2B-3C4D", true, "/storage/1A2B-3C4D/"},
         {2, "/storage/1A2B-3C4D/", true, "/storage/1A2B-3C4D/"},
         {0, "/sdcard/", false, "/sdcard/"},
         {-1, "", false, "/sdcard/"},
     };
-    for (const Case& c : cases) {
+    for (const auto& c : cases) {
         service.updateAnswers([&](vdstandin::DeviceAnswers& a) {
             a.sdcardPresent = c.present;
             a.sdcardPath = c.path;
@@ -265,22 +246,21 @@ TEST_F(StorageRootTest, DeviceQuestionsPutToTheService) {
 }
 
 TEST_F(StorageRootTest, ModeQuestionsMatchOnlyTheExactValue) {
-    struct Case {
+    struct {
         const char* key;
         bool (*question)();
         const char* yes;
-    };
-    const Case cases[] = {
+    } cases[] = {
         {"persist.sys.vd.secure_mode", isTellwickSecureModeEnabled, "true"},
         {"persist.sys.vd.internal_sd", isInternalSDcardEnabledLogging, "true"},
         {"ro.build.project", isDeviceAlder, "Alder"},
     };
-    for (const Case& c : cases) {
+    for (const auto& c : cases) {
         EXPECT_FALSE(c.question()) << c.key << " unset";
-        p.setProperty(c.key, std::string(c.yes) + "1");
-        EXPECT_FALSE(c.question()) << c.key;
-        p.setProperty(c.key, "TRUE");
-        EXPECT_FALSE(c.question()) << c.key;
+        for (const std::string& no : {std::string(c.yes) + "1", std::string("TRUE")}) {
+            p.setProperty(c.key, no);
+            EXPECT_FALSE(c.question()) << c.key << " " << no;
+        }
         p.setProperty(c.key, c.yes);
         EXPECT_TRUE(c.question()) << c.key;
     }
