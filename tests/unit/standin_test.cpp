@@ -33,6 +33,20 @@ class StandinTest : public ::testing::Test {
         EXPECT_NE(proxy, nullptr);
         return proxy;
     }
+    void awaitOneWaiter() {
+        ASSERT_TRUE(vigild::testing::finishesWithin(
+            [&] {
+                while (service.waitingForCommand() != 1) std::this_thread::yield();
+            },
+            5s));
+    }
+    sockaddr_un address() {
+        sockaddr_un addr = {};
+        addr.sun_family = AF_UNIX;
+        std::string path = platform.hostPath("/dev/binder/com.tandril.vd.Ivd_service");
+        memcpy(addr.sun_path, path.c_str(), path.size() + 1);
+        return addr;
+    }
 };
 
 TEST_F(StandinTest, EveryReportingCallIsRecordedInOrder) {
@@ -100,23 +114,23 @@ TEST_F(StandinTest, DeviceQuestionsAreAnsweredFromTheSettings) {
     });
     auto proxy = connect();
     ASSERT_NE(proxy, nullptr);
-    EXPECT_EQ(proxy->bluetoothIsEnabled(), 0);
-    EXPECT_EQ(proxy->bluetoothIsDiscoverable(), 1);
-    EXPECT_EQ(proxy->bluetoothIsConnected(), 1);
-    EXPECT_EQ(proxy->ambientLight(), -5);
-    int wan = 0;
-    EXPECT_EQ(proxy->wanSignalStrength(wan), 0);
-    EXPECT_EQ(wan, -97);
+    int wan = 0, wifi = 0, deleteType = 0;
+    EXPECT_EQ(
+        (std::vector<int>{proxy->bluetoothIsEnabled(), proxy->bluetoothIsDiscoverable(),
+                          proxy->bluetoothIsConnected(), proxy->ambientLight(),
+                          proxy->wanSignalStrength(wan), wan, proxy->wifiSignalStrength(wifi), wifi,
+                          proxy->deleteTwLogs(deleteType), deleteType, proxy->isSDcardPresent(),
+                          proxy->isUserValidToDeploy(), proxy->getDeleteLogsParam()}),
+        (std::vector<int>{0, 1, 1, -5, 0, -97, 0, -41, 0, 2, 1, 0, 2}));
     std::string apps[2];
     EXPECT_EQ(proxy->foregroundApplication(apps), 0);
     EXPECT_EQ(apps[0], "com.xy");
     EXPECT_EQ(apps[1], "com.x.Main");
 
-    struct StringCase {
+    struct {
         int (Ivd_service::*method)(std::string&);
         std::string expected;
-    };
-    const StringCase cases[] = {
+    } cases[] = {
         {&Ivd_service::serialNumber, "SN1"},
         {&Ivd_service::modelNumber, "M2"},
         {&Ivd_service::bspNumber, "B3"},
@@ -132,15 +146,6 @@ TEST_F(StandinTest, DeviceQuestionsAreAnsweredFromTheSettings) {
         EXPECT_EQ(((*proxy).*c.method)(out), 0) << c.expected;
         EXPECT_EQ(out, c.expected);
     }
-    int wifi = 0;
-    EXPECT_EQ(proxy->wifiSignalStrength(wifi), 0);
-    EXPECT_EQ(wifi, -41);
-    int deleteType = 0;
-    EXPECT_EQ(proxy->deleteTwLogs(deleteType), 0);
-    EXPECT_EQ(deleteType, 2);
-    EXPECT_EQ(proxy->isSDcardPresent(), 1);
-    EXPECT_EQ(proxy->isUserValidToDeploy(), 0);
-    EXPECT_EQ(proxy->getDeleteLogsParam(), 2);
 
     // The count the proxy asked for reaches the service.
     auto recs = service.records();
@@ -172,11 +177,7 @@ TEST_F(StandinTest, QueuedCommandsAndDocumentsReachTheDaemon) {
     std::string command;
     std::thread t([&] { command = waiter->waitForResponse(); });
     // The blocked waiter must not stop other connections from being served.
-    ASSERT_TRUE(vigild::testing::finishesWithin(
-        [&] {
-            while (service.waitingForCommand() != 1) std::this_thread::yield();
-        },
-        5s));
+    awaitOneWaiter();
     auto other = connect();
     ASSERT_NE(other, nullptr);
     EXPECT_EQ(other->sendState(1), 0);
@@ -200,11 +201,7 @@ TEST_F(StandinTest, StopReleasesABlockedWaiterAsADeadPeer) {
     ASSERT_NE(proxy, nullptr);
     std::string command = "unset";
     std::thread t([&] { command = proxy->waitForResponse(); });
-    ASSERT_TRUE(vigild::testing::finishesWithin(
-        [&] {
-            while (service.waitingForCommand() != 1) std::this_thread::yield();
-        },
-        5s));
+    awaitOneWaiter();
     ASSERT_TRUE(vigild::testing::finishesWithin([&] { service.stop(); }, 5s));
     t.join();
     // A dead peer leaves an empty reply, which reads as an empty command.
@@ -229,10 +226,7 @@ TEST_F(StandinTest, ASecondServiceDoesNotTakeOverALiveSocket) {
     // A socket nobody answers on is a leftover and is replaced.
     service.stop();
     int stale = ::socket(AF_UNIX, SOCK_STREAM, 0);
-    struct sockaddr_un addr = {};
-    addr.sun_family = AF_UNIX;
-    std::string path = platform.hostPath("/dev/binder/com.tandril.vd.Ivd_service");
-    memcpy(addr.sun_path, path.c_str(), path.size() + 1);
+    sockaddr_un addr = address();
     ASSERT_EQ(::bind(stale, reinterpret_cast<sockaddr*>(&addr), sizeof(addr)), 0);
     ::close(stale);
     EXPECT_TRUE(second.start()) << strerror(errno);
@@ -268,10 +262,7 @@ TEST_F(StandinTest, UnknownCodesAndWrongTokensAreRefused) {
 TEST_F(StandinTest, AnOversizeFrameClosesTheConnection) {
     int fd = ::socket(AF_UNIX, SOCK_STREAM, 0);
     ASSERT_GE(fd, 0);
-    struct sockaddr_un addr = {};
-    addr.sun_family = AF_UNIX;
-    std::string path = platform.hostPath("/dev/binder/com.tandril.vd.Ivd_service");
-    memcpy(addr.sun_path, path.c_str(), path.size() + 1);
+    sockaddr_un addr = address();
     ASSERT_EQ(::connect(fd, reinterpret_cast<struct sockaddr*>(&addr), sizeof(addr)), 0);
     vigild::Parcel header;
     header.writeInt32(SEND_STATE);
