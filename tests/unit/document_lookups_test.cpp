@@ -9,30 +9,14 @@
 
 #include "config/document.h"
 #include "core/module_registry.h"
+#include "fakes/fake_module.h"
 #include "fakes/test_platform.h"
 #include "standin/standin_service.h"
 
+using vigild::testing::FakeModule;
 using vigild::testing::TestPlatform;
 
 namespace {
-
-class PathModule : public Module {
-  public:
-    explicit PathModule(std::string name) : name_(std::move(name)) {}
-    int shouldLoad() override { return 0; }
-    int init(moduleConfig&) override { return 0; }
-    int start(moduleConfig) override { return 0; }
-    int systemTimeChange() override { return 0; }
-    int prestop() override { return 0; }
-    int stop() override { return 0; }
-    const char* getName() override { return name_.c_str(); }
-    const char* getVersion() override { return "14.0.0.1"; }
-    int configVal(moduleConfig&, std::vector<std::string>&) override { return 0; }
-    int logcatEOFStatus() override { return 0; }
-
-  private:
-    std::string name_;
-};
 
 Module::config pathSetting(const std::string& value) {
     Module::config c = {};
@@ -55,9 +39,9 @@ TEST(DocumentLookups, OneRootLookupPerBuildWithTheSameResult) {
     ASSERT_TRUE(service.start());
     p.setProperty("persist.sys.vd.storage_path", "/sdcard/");
     p.makeDir("/sdcard/Tellwick/");
-    std::vector<std::unique_ptr<PathModule>> modules;
+    std::vector<std::unique_ptr<FakeModule>> modules;
     for (int i = 0; i < 6; i++) {
-        modules.push_back(std::make_unique<PathModule>("M" + std::to_string(i)));
+        modules.push_back(std::make_unique<FakeModule>("M" + std::to_string(i)));
         moduleRegistry.emplace_back(modules.back().get());
         // Every other one lies outside the root and is moved to its default folder.
         std::string value = i % 2 ? "/data/m" + std::to_string(i) + "/"

@@ -28,6 +28,7 @@
 #include "config/file_watch.h"
 #include "core/log.h"
 #include "core/module_registry.h"
+#include "fakes/fake_module.h"
 #include "fakes/test_platform.h"
 #include "standin/standin_service.h"
 #include "storage/bugreport.h"
@@ -456,25 +457,8 @@ TEST_F(HostileConfigFileTest, NoHangNoBlowUpAndTheLastGoodFileStays) {
 // Log folder values that pass a prefix test but lead elsewhere, or that hide characters.
 class LogPathTest : public HostileStorageTest {
   protected:
-    class Named : public Module {
-      public:
-        explicit Named(const char* name) : name_(name) {}
-        int shouldLoad() override { return 0; }
-        int init(moduleConfig&) override { return 0; }
-        int start(moduleConfig) override { return 0; }
-        int systemTimeChange() override { return 0; }
-        int prestop() override { return 0; }
-        int stop() override { return 0; }
-        const char* getName() override { return name_; }
-        const char* getVersion() override { return "14.0.0.1"; }
-        int configVal(moduleConfig&, std::vector<std::string>&) override { return 0; }
-        int logcatEOFStatus() override { return 0; }
-
-      private:
-        const char* name_;
-    };
     Module::config& addPath(const std::string& value) {
-        modules_.push_back(std::make_unique<Named>("ANRModule"));
+        modules_.push_back(std::make_unique<vigild::testing::FakeModule>("ANRModule"));
         moduleRegistry.emplace_back(modules_.back().get());
         Module::config c = {};
         c.name = "Log Path";
@@ -484,7 +468,7 @@ class LogPathTest : public HostileStorageTest {
         moduleRegistry.back().settings.configs.push_back(c);
         return moduleRegistry.back().settings.configs.back();
     }
-    std::vector<std::unique_ptr<Named>> modules_;
+    std::vector<std::unique_ptr<vigild::testing::FakeModule>> modules_;
 };
 
 TEST_F(LogPathTest, ValuesLeadingElsewhereAreMovedToTheModuleFolder) {

@@ -8,6 +8,7 @@
 #include "core/debug_singleton.h"
 #include "core/log.h"
 #include "core/module_registry.h"
+#include "fakes/fake_module.h"
 #include "fakes/test_platform.h"
 #include "standin/standin_service.h"
 #include "vigild/module.h"
@@ -16,19 +17,10 @@ using vigild::testing::TestPlatform;
 
 namespace {
 
-// A module that only exposes the helpers.
-class HelperModule : public Module {
+// A module whose setting helpers the tests call directly.
+class HelperModule : public vigild::testing::FakeModule {
   public:
-    int shouldLoad() override { return 0; }
-    int init(moduleConfig&) override { return 0; }
-    int start(moduleConfig) override { return 0; }
-    int systemTimeChange() override { return 0; }
-    int prestop() override { return 0; }
-    int stop() override { return 0; }
-    const char* getName() override { return "Helper"; }
-    const char* getVersion() override { return "14.0.0.0"; }
-    int configVal(moduleConfig&, std::vector<std::string>&) override { return 0; }
-    int logcatEOFStatus() override { return 0; }
+    HelperModule() : FakeModule("Helper", "14.0.0.0") {}
 };
 
 char* text(const char* s) { return const_cast<char*>(s); }

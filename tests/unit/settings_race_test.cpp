@@ -13,33 +13,23 @@
 #include "config/config_validation.h"
 #include "core/module_registry.h"
 #include "core/run_state.h"
+#include "fakes/fake_module.h"
 #include "fakes/test_platform.h"
 
 namespace {
 
 using vigild::testing::TestPlatform;
 
-class JudgingModule : public Module {
+class JudgingModule : public vigild::testing::FakeModule {
   public:
-    int shouldLoad() override { return 0; }
-    int init(moduleConfig&) override { return 0; }
-    int start(moduleConfig) override { return 0; }
-    int systemTimeChange() override { return 0; }
-    int prestop() override { return 0; }
-    int stop() override { return 0; }
-    const char* getName() override { return "LogcatModule"; }
-    const char* getVersion() override { return "14.0.0.1"; }
+    JudgingModule() : FakeModule("LogcatModule") {}
     // Corrects a value on every judgement, as real modules may.
-    int configVal(moduleConfig& settings, std::vector<std::string>&) override {
+    int configVal(moduleConfig& settings, std::vector<std::string>& errors) override {
         for (config& c : settings.configs) {
             if (strcmp(c.name, "Checked") == 0) snprintf(c.value, sizeof(c.value), "yes");
         }
-        judged++;
-        return 0;
+        return FakeModule::configVal(settings, errors);
     }
-    int logcatEOFStatus() override { return 0; }
-
-    std::atomic<int> judged{0};
 };
 
 std::string document(bool enabled, char fill) {
