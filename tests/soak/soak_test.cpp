@@ -7,36 +7,30 @@
 // VIGILD_SOAK_COMMANDS sets the number of commands (2,000 by default; scripts/soak.sh runs
 // 100,000). Time is scaled down; every wait is bounded real time on something the daemon does.
 #include <dirent.h>
-#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <jansson.h>
-#include <signal.h>
-#include <spawn.h>
 #include <stdlib.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <chrono>
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
-#include <functional>
 #include <memory>
-#include <sstream>
 #include <string>
-#include <thread>
 #include <vector>
 
+#include "fakes/daemon_process.h"
+#include "fakes/eventually.h"
 #include "standin/standin_service.h"
-
-extern char** environ;
 
 namespace {
 
 namespace fsys = std::filesystem;
 using namespace std::chrono_literals;
 using vdstandin::Record;
+using vigild::testing::eventually;
+using vigild::testing::withSetting;
 
 constexpr auto kBatchTimeout = 60s;
 constexpr size_t kBatchSize = 50;
@@ -53,15 +47,6 @@ size_t commandsWanted() {
     char* end = nullptr;
     unsigned long n = strtoul(text, &end, 10);
     return (*end == '\0' && n >= kBatchSize) ? n : 2000;
-}
-
-bool eventually(const std::function<bool()>& condition, std::chrono::milliseconds timeout) {
-    auto deadline = std::chrono::steady_clock::now() + timeout;
-    while (!condition()) {
-        if (std::chrono::steady_clock::now() > deadline) return false;
-        std::this_thread::sleep_for(10ms);
-    }
-    return true;
 }
 
 // VmRSS of `pid` in kB, -1 when unreadable.
@@ -90,25 +75,6 @@ bool isJsonObject(const std::string& text) {
     bool ok = root != nullptr && json_is_object(root);
     json_decref(root);
     return ok;
-}
-
-// `document` with the setting `name` of module `module` set to `value`.
-std::string withSetting(const std::string& document, const char* module, const char* name,
-                        const char* value) {
-    json_t* root = json_loads(document.c_str(), 0, nullptr);
-    json_t* settings = json_object_get(json_object_get(root, module), "settings");
-    for (size_t i = 0; i < json_array_size(settings); i++) {
-        json_t* entry = json_array_get(settings, i);
-        const char* entryName = json_string_value(json_object_get(entry, "name"));
-        if (entryName != nullptr && std::string(entryName) == name) {
-            json_object_set_new(entry, "value", json_string(value));
-        }
-    }
-    char* text = json_dumps(root, 0);
-    std::string result = text != nullptr ? text : "";
-    free(text);
-    json_decref(root);
-    return result;
 }
 
 // Why a batch's records do not answer its commands; empty when they do. Commands are taken
@@ -152,56 +118,24 @@ std::string checkAnswers(const std::vector<std::string>& sent, const std::vector
 class SoakTest : public ::testing::Test {
   protected:
     void SetUp() override {
-        char tmpl[] = "/tmp/vds.XXXXXX";
-        ASSERT_NE(mkdtemp(tmpl), nullptr);
-        root_ = tmpl;
-        fsys::create_directories(host("/sdcard"));
-        fsys::create_directories(host("/system/lib64"));
-        fsys::copy_file(fsys::path(VIGILD_BINARY_DIR) / "modules/logcat/lib_vd_logcat.so",
-                        host("/system/lib64/lib_vd_logcat.so"));
-        fsys::create_directories(host("/dev/__properties__"));
-        std::ofstream(host("/dev/__properties__/persist.sys.vd.storage_path")) << "/sdcard/";
-        service_ = std::make_unique<vdstandin::StandinService>(root_);
+        ASSERT_TRUE(daemon_.makeRoot("/tmp/vds"));
+        daemon_.installModule(std::string(VIGILD_BINARY_DIR) + "/modules/logcat/lib_vd_logcat.so");
+        service_ = std::make_unique<vdstandin::StandinService>(daemon_.root());
         ASSERT_TRUE(service_->start());
         // A service state the daemon never has: every "refresh_state" must push a report.
         service_->updateAnswers([](vdstandin::DeviceAnswers& a) { a.stateOverride = 7; });
     }
 
     void TearDown() override {
-        if (daemon_ > 0) {
-            kill(daemon_, SIGKILL);
-            waitpid(daemon_, nullptr, 0);
-        }
+        daemon_.kill();
         if (service_) service_->stop();
-        std::error_code ec;
-        fsys::remove_all(root_, ec);
     }
 
-    std::string host(const std::string& devicePath) const { return root_ + devicePath; }
-
     void launchDaemon() {
-        std::vector<std::string> env = {"VIGILD_ROOT=" + root_, "VIGILD_TIME_SCALE=0.01"};
-        for (char** e = environ; *e != nullptr; e++) {
-            std::string var = *e;
-            if (var.rfind("VIGILD_", 0) != 0) env.push_back(var);
-        }
-        std::vector<char*> envp;
-        for (std::string& var : env) envp.push_back(var.data());
-        envp.push_back(nullptr);
-        std::string binary = std::string(VIGILD_BINARY_DIR) + "/vigild";
-        std::string logFile = root_ + "/vigild.stderr";
-        char* argv[] = {binary.data(), nullptr};
-        posix_spawn_file_actions_t actions;
-        posix_spawn_file_actions_init(&actions);
-        posix_spawn_file_actions_addopen(&actions, STDERR_FILENO, logFile.c_str(),
-                                         O_WRONLY | O_CREAT | O_APPEND, 0644);
-        ASSERT_EQ(posix_spawn(&daemon_, binary.c_str(), &actions, nullptr, argv, envp.data()), 0);
-        posix_spawn_file_actions_destroy(&actions);
+        ASSERT_TRUE(daemon_.launch());
         ASSERT_TRUE(eventually([&] { return service_->waitingForCommand() > 0; }, 30s))
             << "the daemon never asked for a command";
     }
-
-    bool daemonAlive() { return daemon_ > 0 && waitpid(daemon_, nullptr, WNOHANG) == 0; }
 
     // The commands of batch `b`, ending in "refresh_state" so its report closes the batch.
     std::vector<std::string> batchCommands(size_t b) {
@@ -231,14 +165,13 @@ class SoakTest : public ::testing::Test {
     void fileEvent(size_t b) {
         if (b % 3 == 2) {
             std::error_code ec;
-            fsys::remove(host(kConfigFile), ec);
+            fsys::remove(daemon_.host(kConfigFile), ec);
             return;
         }
-        std::ofstream(host(kConfigFile), std::ios::trunc) << documents_[b % 2];
+        std::ofstream(daemon_.host(kConfigFile), std::ios::trunc) << documents_[b % 2];
     }
 
-    std::string root_;
-    pid_t daemon_ = -1;
+    vigild::testing::DaemonProcess daemon_{std::string(VIGILD_BINARY_DIR) + "/vigild"};
     std::unique_ptr<vdstandin::StandinService> service_;
     std::string documents_[2];
 };
@@ -293,7 +226,7 @@ TEST_F(SoakTest, CommandsAreAllAnsweredAndDescriptorsStayFlat) {
             },
             kBatchTimeout);
         ASSERT_TRUE(done) << "batch " << b << " not answered in time; daemon alive "
-                          << daemonAlive();
+                          << daemon_.alive();
         std::string fault = checkAnswers(sent, service_->records());
         ASSERT_EQ(fault, "") << "batch " << b;
         service_->clearRecords();
@@ -301,8 +234,8 @@ TEST_F(SoakTest, CommandsAreAllAnsweredAndDescriptorsStayFlat) {
 
         // Sampled while the daemon waits for its next command.
         ASSERT_TRUE(eventually([&] { return service_->waitingForCommand() > 0; }, kBatchTimeout));
-        lastFds = openFds(daemon_);
-        lastRss = rssKb(daemon_);
+        lastFds = openFds(daemon_.pid());
+        lastRss = rssKb(daemon_.pid());
         ASSERT_GT(lastFds, 0);
         if (b < kBaselineBatches) {
             baselineFds = std::max(baselineFds, lastFds);
@@ -315,7 +248,7 @@ TEST_F(SoakTest, CommandsAreAllAnsweredAndDescriptorsStayFlat) {
     }
     double seconds =
         std::chrono::duration<double>(std::chrono::steady_clock::now() - started).count();
-    EXPECT_TRUE(daemonAlive());
+    EXPECT_TRUE(daemon_.alive());
     printf("soak: %zu commands (%zu config_set:) in %.1f s, %.0f commands/s\n",
            batches * kBatchSize, configSets, seconds, batches * kBatchSize / seconds);
     printf("soak: open descriptors baseline %ld, max %ld, last %ld\n", baselineFds, maxFds,

@@ -1,0 +1,132 @@
+#include "fakes/daemon_process.h"
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <jansson.h>
+#include <signal.h>
+#include <spawn.h>
+#include <stdlib.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+#include <utility>
+
+#include "fakes/eventually.h"
+
+extern char** environ;
+
+namespace vigild::testing {
+
+namespace fsys = std::filesystem;
+
+DaemonProcess::DaemonProcess(std::string binary) : binary_(std::move(binary)) {}
+
+DaemonProcess::~DaemonProcess() {
+    kill();
+    if (!root_.empty()) {
+        std::error_code ec;
+        fsys::remove_all(root_, ec);
+    }
+}
+
+bool DaemonProcess::makeRoot(const std::string& prefix) {
+    std::string tmpl = prefix + ".XXXXXX";
+    if (mkdtemp(tmpl.data()) == nullptr) return false;
+    root_ = tmpl;
+    fsys::create_directories(host("/sdcard"));
+    fsys::create_directories(host("/system/lib64"));
+    fsys::create_directories(host("/dev/__properties__"));
+    std::ofstream(host("/dev/__properties__/persist.sys.vd.storage_path")) << "/sdcard/";
+    return true;
+}
+
+std::string DaemonProcess::host(const std::string& devicePath) const { return root_ + devicePath; }
+
+std::string DaemonProcess::read(const std::string& devicePath) const {
+    std::ifstream in(host(devicePath), std::ios::binary);
+    std::stringstream ss;
+    ss << in.rdbuf();
+    return ss.str();
+}
+
+void DaemonProcess::installModule(const std::string& library) {
+    fsys::copy_file(library, host("/system/lib64/" + fsys::path(library).filename().string()));
+}
+
+void DaemonProcess::setProperty(const std::string& name, const std::string& value) {
+    std::string temp = host("/dev/__properties__/.new-" + name);
+    std::ofstream(temp) << value;
+    fsys::rename(temp, host("/dev/__properties__/" + name));
+}
+
+void DaemonProcess::writeBugreportTool(const std::string& body) {
+    fsys::create_directories(host("/system/bin"));
+    std::string path = host("/system/bin/bugreportz");
+    std::string temp = path + ".new";
+    std::ofstream(temp) << "#!/bin/sh\n" << body << "\n";
+    fsys::permissions(temp, fsys::perms::owner_all);
+    fsys::rename(temp, path);
+}
+
+bool DaemonProcess::launch(const std::vector<std::string>& extraEnv) {
+    std::vector<std::string> env = {"VIGILD_ROOT=" + root_, "VIGILD_TIME_SCALE=0.01"};
+    for (char** e = environ; *e != nullptr; e++) {
+        if (std::string(*e).rfind("VIGILD_", 0) != 0) env.push_back(*e);
+    }
+    env.insert(env.end(), extraEnv.begin(), extraEnv.end());
+    std::vector<char*> envp;
+    for (std::string& var : env) envp.push_back(var.data());
+    envp.push_back(nullptr);
+    std::string binary = binary_;
+    std::string logFile = root_ + "/vigild.stderr";
+    char* argv[] = {binary.data(), nullptr};
+    posix_spawn_file_actions_t actions;
+    posix_spawn_file_actions_init(&actions);
+    posix_spawn_file_actions_addopen(&actions, STDERR_FILENO, logFile.c_str(),
+                                     O_WRONLY | O_CREAT | O_APPEND, 0644);
+    int error = posix_spawn(&pid_, binary.c_str(), &actions, nullptr, argv, envp.data());
+    posix_spawn_file_actions_destroy(&actions);
+    if (error != 0) pid_ = -1;
+    return error == 0;
+}
+
+bool DaemonProcess::alive() { return pid_ > 0 && waitpid(pid_, nullptr, WNOHANG) == 0; }
+
+void DaemonProcess::kill() {
+    if (pid_ <= 0) return;
+    ::kill(pid_, SIGKILL);
+    waitpid(pid_, nullptr, 0);
+    pid_ = -1;
+}
+
+std::string fetchConfig(vdstandin::StandinService& service, std::chrono::milliseconds timeout) {
+    size_t before = service.configs().size();
+    service.queueCommand("config_get:");
+    EXPECT_TRUE(eventually([&] { return service.configs().size() > before; }, timeout));
+    auto configs = service.configs();
+    return configs.empty() ? "" : configs.back();
+}
+
+std::string withSetting(const std::string& document, const char* module, const char* name,
+                        const char* value) {
+    json_t* root = json_loads(document.c_str(), 0, nullptr);
+    json_t* settings = json_object_get(json_object_get(root, module), "settings");
+    for (size_t i = 0; i < json_array_size(settings); i++) {
+        json_t* entry = json_array_get(settings, i);
+        const char* entryName = json_string_value(json_object_get(entry, "name"));
+        if (entryName != nullptr && strcmp(entryName, name) == 0) {
+            json_object_set_new(entry, "value", json_string(value));
+        }
+    }
+    char* text = json_dumps(root, 0);
+    std::string result = text != nullptr ? text : "";
+    free(text);
+    json_decref(root);
+    return result;
+}
+
+}  // namespace vigild::testing
