@@ -96,9 +96,9 @@ class ConfigFileTest : public ::testing::Test {
     }
     void linkToElsewhere(const std::string& devicePath) {
         p_.writeFile("/sdcard/elsewhere.txt", "precious");
-        ASSERT_EQ(symlink(p_.hostPath("/sdcard/elsewhere.txt").c_str(),
-                          p_.hostPath(devicePath).c_str()),
-                  0);
+        ASSERT_EQ(
+            symlink(p_.hostPath("/sdcard/elsewhere.txt").c_str(), p_.hostPath(devicePath).c_str()),
+            0);
     }
 
     TestPlatform p_;
@@ -237,7 +237,8 @@ class ConfigServiceTest : public ConfigFileTest {
     }
     void TearDown() override { service_->stop(); }
     void answerDeploy(int valid) {
-        service_->updateAnswers([valid](vdstandin::DeviceAnswers& a) { a.userValidToDeploy = valid; });
+        service_->updateAnswers(
+            [valid](vdstandin::DeviceAnswers& a) { a.userValidToDeploy = valid; });
     }
     std::unique_ptr<vdstandin::StandinService> service_;
 };
