@@ -4,6 +4,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstring>
 #include <memory>
 #include <optional>
@@ -66,8 +67,11 @@ TEST_F(RunStateTest, UpdateStateMapsWordsAndReportsEachChange) {
     EXPECT_EQ(service.states(), expected);
 }
 
-TEST_F(RunStateTest, StateChangesEvenWithoutService) {
+TEST_F(RunStateTest, WithoutServiceTheStateStillChangesAndSyncComparesAgainstMinusOne) {
     service.stop();
+    syncServiceState();
+    EXPECT_TRUE(p.log().contains("Current vigild state is 0 and service state is -1"));
+    EXPECT_TRUE(p.log().contains("state mismatch ", kLogError));
     updateState("running");
     EXPECT_EQ(runState.load(), 1);
     EXPECT_TRUE(p.log().contains("Failed to obtain a handle on vd_service", kLogError));
@@ -87,13 +91,6 @@ TEST_F(RunStateTest, StartStartsOnlyEnabledModulesWithTheirSettings) {
     EXPECT_EQ(runState.load(), 1);
     EXPECT_EQ(service.states(), (std::vector<int>{2, 1}));
     EXPECT_EQ(p.property("persist.sys.vd.autostart"), "true");
-}
-
-TEST_F(RunStateTest, StartWithEveryModuleDisabledStillEndsRunning) {
-    add("A", false);
-    start();
-    EXPECT_TRUE(journal.events().empty());
-    EXPECT_EQ(runState.load(), 1);
 }
 
 TEST_F(RunStateTest, RefusalsOnlyResendTheState) {
@@ -181,12 +178,14 @@ TEST_F(RunStateTest, RestartStopsAModuleDisabledWhileRunning) {
     EXPECT_TRUE(journal.events().empty());
 }
 
-TEST_F(RunStateTest, RestartWhileStoppedKeepsTheFlags) {
-    modulePair& a = add("A");
+TEST_F(RunStateTest, RestartWhileStoppedKeepsTheFlagsAndAllDisabledStillEndsRunning) {
+    modulePair& a = add("A", false);
     a.restartNeeded = 1;
     restartModules();
     EXPECT_EQ(a.restartNeeded.load(), 1);
+    start();
     EXPECT_TRUE(journal.events().empty());
+    EXPECT_EQ(runState.load(), 1);
 }
 
 TEST_F(RunStateTest, SyncPushesTheDaemonStateWhenTheServiceDisagrees) {
@@ -217,14 +216,6 @@ TEST_F(RunStateTest, SyncPushesTheDaemonStateWhenTheServiceDisagrees) {
             EXPECT_TRUE(sent.empty());
         }
     }
-}
-
-TEST_F(RunStateTest, SyncWithoutServiceComparesAgainstMinusOne) {
-    service.stop();
-    syncServiceState();
-    EXPECT_TRUE(p.log().contains("Current vigild state is 0 and service state is -1"));
-    EXPECT_TRUE(p.log().contains("state mismatch ", kLogError));
-    EXPECT_EQ(runState.load(), 0);
 }
 
 TEST_F(RunStateTest, OnlyABackwardJumpBetweenTheReadingsNotifiesModules) {
@@ -261,14 +252,11 @@ TEST_F(RunStateTest, QuickTapModeReloadsBeforeStarting) {
     add("A");
     p.setProperty("persist.sys.vd.quick_tap", "true");
     start();
-    bool logged = false;
-    for (const auto& line : p.log().lines()) {
-        if (line.text.rfind("start()::Tw QuickTap is enabled::file to pick == ", 0) == 0 &&
-            line.priority == kLogInfo) {
-            logged = true;
-        }
-    }
-    EXPECT_TRUE(logged);
+    const auto lines = p.log().lines();
+    EXPECT_TRUE(std::any_of(lines.begin(), lines.end(), [](const auto& l) {
+        return l.priority == kLogInfo &&
+               l.text.rfind("start()::Tw QuickTap is enabled::file to pick == ", 0) == 0;
+    }));
     EXPECT_EQ(quickTapModeAtStart.load(), 0);
     EXPECT_EQ(journal.events(), (Events{"A:start:1"}));
     EXPECT_EQ(runState.load(), 1);
