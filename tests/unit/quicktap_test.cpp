@@ -21,6 +21,11 @@ class QuickTapTest : public ::testing::Test {
   protected:
     QuickTapTest() { resetQuickTapForTesting(); }
     ~QuickTapTest() override { resetQuickTapForTesting(); }
+    // nullptr: unset
+    void setModuleTime(const char* value) {
+        value ? p.setProperty(kModuleTime, value) : (void)p.properties().erase(kModuleTime);
+        p.log().clear();
+    }
     TestPlatform p;
 };
 
@@ -62,13 +67,11 @@ TEST_F(QuickTapTest, TableBuiltAndReadFromSeveralThreads) {
 }
 
 TEST_F(QuickTapTest, PropertyReaders) {
-    struct Case {
-        const char* value;  // nullptr: unset
-        int number;
-        int timer;
+    struct {
+        const char* value;
+        int number, timer;
         bool error;
-    };
-    const Case cases[] = {
+    } cases[] = {
         {"12_3600", 12, 3600, false},
         {"bluetooth_2", 12, 2, false},
         {"bluetooth_wifi_5", 15, 5, false},
@@ -81,13 +84,8 @@ TEST_F(QuickTapTest, PropertyReaders) {
         {"12", 0, 0, false},
         {nullptr, 0, 0, false},
     };
-    for (const Case& c : cases) {
-        if (c.value != nullptr) {
-            p.setProperty(kModuleTime, c.value);
-        } else {
-            p.properties().erase(kModuleTime);
-        }
-        p.log().clear();
+    for (const auto& c : cases) {
+        setModuleTime(c.value);
         const char* label = c.value ? c.value : "(unset)";
         EXPECT_EQ(getQuickTapModFromProp(), c.number) << label;
         EXPECT_EQ(getQuickTapTimerFromProp(), c.timer) << label;
@@ -99,10 +97,10 @@ TEST_F(QuickTapTest, PropertyReaders) {
 
 TEST_F(QuickTapTest, OnSwitchIsExact) {
     EXPECT_FALSE(isTwQuickTapModeEnabled());
-    p.setProperty("persist.sys.vd.quick_tap", "true1");
-    EXPECT_FALSE(isTwQuickTapModeEnabled());
-    p.setProperty("persist.sys.vd.quick_tap", "true");
-    EXPECT_TRUE(isTwQuickTapModeEnabled());
+    for (const char* value : {"true1", "TRUE", "true"}) {
+        p.setProperty("persist.sys.vd.quick_tap", value);
+        EXPECT_EQ(isTwQuickTapModeEnabled(), strcmp(value, "true") == 0) << value;
+    }
 }
 
 TEST_F(QuickTapTest, CopiesThePreparedFileOfTheChosenCombination) {
@@ -111,31 +109,21 @@ TEST_F(QuickTapTest, CopiesThePreparedFileOfTheChosenCombination) {
     p.writeFile("/sdcard/Tellwick/quicktap/bluetooth/config.json", "bluetooth preset");
     p.writeFile("/sdcard/Tellwick/quicktap/default/config.json", "default preset");
 
-    struct Case {
-        const char* value;  // nullptr: unset
-        const char* name;
-    };
-    for (const Case& c :
-         {Case{"12_3600", "bluetooth"}, Case{"bluetooth_2", "bluetooth"}, Case{nullptr, "default"},
-          Case{"40_1", "default"}, Case{"abc_1", "default"}, Case{"12", "bluetooth"}}) {
-        if (c.value != nullptr) {
-            p.setProperty(kModuleTime, c.value);
-        } else {
-            p.properties().erase(kModuleTime);
-        }
-        p.log().clear();
-        std::string expected = std::string("/sdcard/Tellwick/quicktap/") + c.name + "/config.json";
-        EXPECT_EQ(copyQuickTapConfigFilePath(), expected);
-        EXPECT_EQ(p.readFile("/sdcard/Tellwick/config.json"), std::string(c.name) + " preset");
+    std::pair<const char*, std::string> cases[] = {
+        {"12_3600", "bluetooth"}, {"bluetooth_2", "bluetooth"}, {nullptr, "default"},
+        {"40_1", "default"},      {"abc_1", "default"},         {"12", "bluetooth"}};
+    for (const auto& [value, name] : cases) {
+        setModuleTime(value);
+        EXPECT_EQ(copyQuickTapConfigFilePath(),
+                  "/sdcard/Tellwick/quicktap/" + name + "/config.json");
+        EXPECT_EQ(p.readFile("/sdcard/Tellwick/config.json"), name + " preset");
         EXPECT_TRUE(p.log().contains("QuickTap::File copied successfully at destination", kLogInfo))
-            << (c.value ? c.value : "(unset)");
+            << (value ? value : "(unset)");
     }
-}
 
-TEST_F(QuickTapTest, MissingPreparedFileLeavesTheActiveFile) {
-    p.setProperty("persist.sys.vd.storage_path", "/sdcard/");
+    // A missing prepared file leaves the active file.
     p.writeFile("/sdcard/Tellwick/config.json", "active");
-    p.setProperty(kModuleTime, "3_1800");
+    setModuleTime("3_1800");
     EXPECT_EQ(copyQuickTapConfigFilePath(),
               "/sdcard/Tellwick/quicktap/audio_bluetooth/config.json");
     EXPECT_TRUE(p.log().contains("QuickTap::File copied failed", kLogError));
@@ -150,22 +138,17 @@ TEST_F(QuickTapTest, ModuleDeclaresItsThreeSettingsDisabled) {
     EXPECT_EQ(module.init(settings), 0);
 
     ASSERT_EQ(settings.configs.size(), 3u);
-    const Module::config& enable = settings.configs[0];
-    EXPECT_STREQ(enable.name, "Enable Module");
-    EXPECT_STREQ(enable.type, "boolean");
-    EXPECT_STREQ(enable.value, "false");
-    EXPECT_STREQ(enable.defaultValue, "false");
+    const char* expected[3][3] = {{"Enable Module", "boolean", "false"},
+                                  {"Select Module", "int", "0"},
+                                  {"Log Duration (sec)", "list", "0"}};
+    for (int i = 0; i < 3; i++) {
+        EXPECT_STREQ(settings.configs[i].name, expected[i][0]);
+        EXPECT_STREQ(settings.configs[i].type, expected[i][1]);
+        EXPECT_STREQ(settings.configs[i].value, expected[i][2]);
+    }
+    EXPECT_STREQ(settings.configs[0].defaultValue, "false");
     EXPECT_FALSE(isModuleEnabled(settings));
-
-    const Module::config& select = settings.configs[1];
-    EXPECT_STREQ(select.name, "Select Module");
-    EXPECT_STREQ(select.type, "int");
-    EXPECT_STREQ(select.value, "0");
-
     const Module::config& duration = settings.configs[2];
-    EXPECT_STREQ(duration.name, "Log Duration (sec)");
-    EXPECT_STREQ(duration.type, "list");
-    EXPECT_STREQ(duration.value, "0");
     std::vector<std::string> options(duration.options.begin(), duration.options.end());
     EXPECT_EQ(options, (std::vector<std::string>{"0", "1800", "3600", "7200", "10800", "14400"}));
 }
