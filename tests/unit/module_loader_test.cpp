@@ -91,27 +91,22 @@ TEST_F(ModuleLoaderTest, FiltersNamesVersionsAndBrokenLibraries) {
     EXPECT_EQ(registryNames(),
               (std::vector<std::string>{"Tellwick Settings", "A", "B", "New", "QuickTapModule"}));
     auto& log = p.log();
-    EXPECT_TRUE(
-        log.contains("Module: Old is using a different base version and cannot be "
-                     "loaded. Needed base version 14.0.X.X, actual version 14.0",
-                     kLogError));
-    EXPECT_TRUE(
-        log.contains("Module: Wrong is using a different base version and cannot be "
-                     "loaded. Needed base version 14.0.X.X, actual version 114.0.1",
-                     kLogError));
-    EXPECT_TRUE(
-        log.contains("Module: (null) is using a different base version and cannot be "
-                     "loaded. Needed base version 14.0.X.X, actual version 14.0.0.1",
-                     kLogError));
-    EXPECT_TRUE(
-        log.contains("Module: NullVersion is using a different base version and cannot "
-                     "be loaded. Needed base version 14.0.X.X, actual version (null)",
-                     kLogError));
+    for (const auto& [name, version] :
+         std::initializer_list<std::pair<std::string, std::string>>{{"Old", "14.0"},
+                                                                    {"Wrong", "114.0.1"},
+                                                                    {"(null)", "14.0.0.1"},
+                                                                    {"NullVersion", "(null)"}}) {
+        EXPECT_TRUE(log.contains("Module: " + name +
+                                     " is using a different base version and cannot be loaded. "
+                                     "Needed base version 14.0.X.X, actual version " +
+                                     version,
+                                 kLogError))
+            << name;
+    }
     EXPECT_TRUE(log.contains(
         "Module: Skip is present but not loaded based off of the module determination", kLogInfo));
     EXPECT_TRUE(log.contains("name is lib_vd_garbage.so", kLogError));
-    int noEntry = 0;
-    int openError = 0;
+    int noEntry = 0, openError = 0;
     for (const auto& line : log.lines()) {
         if (line.priority != kLogError || line.text.rfind("got an error ", 0) != 0) continue;
         if (line.text.find("getModule") != std::string::npos) noEntry++;
@@ -123,8 +118,8 @@ TEST_F(ModuleLoaderTest, FiltersNamesVersionsAndBrokenLibraries) {
     for (const char* file : {"lib_vd_", "lib_vd_beta.so", "lib_vd_garbage.so", "lib_vd_old.so"}) {
         EXPECT_TRUE(log.contains(std::string("vd so file found: ") + file, kLogDebug)) << file;
     }
-    EXPECT_FALSE(log.contains("vd so file found: libvd_x.so"));
-    EXPECT_FALSE(log.contains("vd so file found: lib_VD_x.so"));
+    EXPECT_FALSE(log.contains("vd so file found: libvd_x.so") ||
+                 log.contains("vd so file found: lib_VD_x.so"));
     // Files that fail dlopen stop before "post open"; the others pass it.
     EXPECT_EQ(log.count("post open", kLogDebug), 9);
     // Every library with an entry point gets as far as calling it.
