@@ -8,6 +8,13 @@ namespace {
 
 using vigild::Parcel;
 
+// A parcel to read, holding these words.
+Parcel ofWords(std::initializer_list<int32_t> words) {
+    Parcel w;
+    for (int32_t v : words) w.writeInt32(v);
+    return Parcel(w.data());
+}
+
 TEST(ParcelTest, String16LayoutIsPaddedWithATerminator) {
     Parcel p;
     p.writeString16(u"ab");
@@ -40,10 +47,7 @@ TEST(ParcelTest, ShortReadsFailWithoutMoving) {
 
 TEST(ParcelTest, String16LengthClaimsAreBounded) {
     for (int32_t n : {INT_MAX, INT_MAX / 2, 5, -2}) {
-        Parcel w;
-        w.writeInt32(n);
-        w.writeInt32(0x00620061);
-        Parcel r(w.data());
+        Parcel r = ofWords({n, 0x00620061});
         std::u16string out;
         EXPECT_FALSE(r.readString16(&out)) << n;
         EXPECT_EQ(r.dataPosition(), 0u);
@@ -78,20 +82,12 @@ TEST(ParcelTest, ExceptionHeaders) {
     EXPECT_EQ(s.readExceptionCode(), -1);
     EXPECT_EQ(s.readInt32(), 56);
 
-    Parcel header;
-    header.writeInt32(-128);
-    header.writeInt32(8);
-    header.writeInt32(1);
-    header.writeInt32(57);
-    Parcel h(header.data());
+    Parcel h = ofWords({-128, 8, 1, 57});
     EXPECT_EQ(h.readExceptionCode(), 0);
     EXPECT_EQ(h.readInt32(), 57);
 
     // A reply header claiming to count less than itself moves nowhere backwards.
-    Parcel bad;
-    bad.writeInt32(-128);
-    bad.writeInt32(-8);
-    Parcel b(bad.data());
+    Parcel b = ofWords({-128, -8});
     EXPECT_EQ(b.readExceptionCode(), 0);
     EXPECT_EQ(b.dataAvail(), 0u);
 }
