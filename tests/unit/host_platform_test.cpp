@@ -172,14 +172,6 @@ TEST(HostRootTest, MapsDevicePathsInsideTheRoot) {
     EXPECT_EQ(identity.toHost("/../a/"), "/a/");
 }
 
-TEST(ScaledClockTest, SleepsAreScaledAndTheWallClockIsNot) {
-    vigild::platform::host::ScaledClock clock(0.001);
-    auto start = std::chrono::steady_clock::now();
-    clock.sleepFor(std::chrono::milliseconds(1000));
-    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(500));
-    EXPECT_LE(std::abs(clock.wallTime() - time(nullptr)), 2);
-}
-
 namespace {
 
 void setOrUnset(const char* name, const char* value) {
@@ -237,6 +229,7 @@ TEST(InstallFromEnvironmentTest, InstallsTheHostBackend) {
     auto start = std::chrono::steady_clock::now();
     platform.clock->sleepFor(std::chrono::seconds(60));
     EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(30));
+    EXPECT_LE(std::abs(platform.clock->wallTime() - time(nullptr)), 2);  // not scaled
     // No service manager until "/dev/binder/" exists.
     EXPECT_EQ(platform.serviceManager(), nullptr);
     std::filesystem::create_directories(p.root() + "/dev/binder");
@@ -348,7 +341,8 @@ TEST_F(HostPlatformTest, SocketTransportFrames) {
     FakeService service(p.root(), [&](int fd) {
         request = readRequest(fd);
         sendReply(fd, -74, 4, {'a', 'b', 'c', 'd'});
-        readRequest(fd);  // then the peer closes
+        readRequest(fd);
+        vigild::platform::host::writeAll(fd, "\0\0", 2);  // half a header, then the peer closes
     });
     EXPECT_TRUE(services.exists());
     auto binder = services.getService("com.tandril.vd.Ivd_service");
