@@ -174,8 +174,7 @@ void applyReceived(const json_t* document) {
         LOGD("module is %s", moduleName);
         // A text that does not fit the registry (a rejected one applied after a reset) only
         // updates what it has at the matching positions.
-        const json_t* settings =
-            json_object_get(json_object_get(document, moduleName), "settings");
+        const json_t* settings = json_object_get(json_object_get(document, moduleName), "settings");
         std::vector<Module::config>& configs = entry.settings.configs;
         for (size_t i = 0; i < configs.size(); i++) {
             const char* value = stringMember(json_array_get(settings, i), "value");

@@ -195,8 +195,8 @@ void removeTop(const std::string& devicePath) {
     ::unlinkat(parent.fd, parent.name.c_str(), S_ISDIR(st.st_mode) ? AT_REMOVEDIR : 0);
 }
 
-int deleteUnsecureLevel(Dir& dir, const std::string& folder, int type, int depth,
-                        const Dir* parent, const std::string* self, bool* removed);
+int deleteUnsecureLevel(Dir& dir, const std::string& folder, int type, int depth, const Dir* parent,
+                        const std::string* self, bool* removed);
 
 // The names a level compares its entries against.
 struct LevelNames {
@@ -217,8 +217,8 @@ int deleteUnsecureEntry(Dir& dir, const std::string& folder, const LevelNames& n
     std::string full = folder + "/" + name;
     LOGD("remove %.*s", kEntryPathSize - 1, full.c_str());
     if (kind == EntryKind::kDirectory) {
-        LOGD("deleteLogFilesUnsecure::Start::path = %.*s, deleteLogType== %d",
-             kEntryPathSize - 1, full.c_str(), type);
+        LOGD("deleteLogFilesUnsecure::Start::path = %.*s, deleteLogType== %d", kEntryPathSize - 1,
+             full.c_str(), type);
         Dir child = dir.openChild(name.c_str());
         if (!child.ok()) {
             // Not a directory any more (swapped for a file or a link): remove what is there.
@@ -259,8 +259,8 @@ int deleteUnsecureEntry(Dir& dir, const std::string& folder, const LevelNames& n
 // kept-name comparisons only. Below the top, `parent` and `self` name this folder as its parent
 // holds it: a level that has emptied its folder removes it at once, which answers whether it is
 // empty and saves the read that would only confirm its end (`removed` tells the caller).
-int deleteUnsecureLevel(Dir& dir, const std::string& folder, int type, int depth,
-                        const Dir* parent, const std::string* self, bool* removed) {
+int deleteUnsecureLevel(Dir& dir, const std::string& folder, int type, int depth, const Dir* parent,
+                        const std::string* self, bool* removed) {
     const LevelNames names(folder);
     int result = 0;
     bool keeps = false;
