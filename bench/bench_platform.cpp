@@ -18,7 +18,7 @@ namespace vdbench {
 namespace {
 
 class MapProperties : public vigild::platform::Properties {
-public:
+  public:
     int get(const char* key, char* value, const char* defaultValue) override {
         std::lock_guard<std::mutex> lock(mutex_);
         auto it = values_.find(key);
@@ -35,18 +35,18 @@ public:
         return 0;
     }
 
-private:
+  private:
     std::mutex mutex_;
     std::map<std::string, std::string> values_;
 };
 
 class NullLog : public vigild::platform::LogSink {
-public:
+  public:
     void write(int, const char*, const char*) override {}
 };
 
 class InstantClock : public vigild::platform::Clock {
-public:
+  public:
     time_t wallTime() override { return time(nullptr); }
     void sleepFor(std::chrono::milliseconds) override {}
 };
@@ -55,7 +55,7 @@ vigild::platform::ServiceManager* noServiceManager() { return nullptr; }
 
 int removeEntry(const char* path, const struct stat*, int, struct FTW*) { return ::remove(path); }
 
-} // namespace
+}  // namespace
 
 struct BenchPlatform::Impl {
     explicit Impl(const std::string& root)
@@ -90,8 +90,6 @@ BenchPlatform::BenchPlatform() {
     vigild::platform::install(p);
 }
 
-BenchPlatform::~BenchPlatform() {
-    nftw(root_.c_str(), removeEntry, 16, FTW_DEPTH | FTW_PHYS);
-}
+BenchPlatform::~BenchPlatform() { nftw(root_.c_str(), removeEntry, 16, FTW_DEPTH | FTW_PHYS); }
 
-} // namespace vdbench
+}  // namespace vdbench

@@ -9,7 +9,7 @@
 namespace vdbench {
 
 class BenchPlatform {
-public:
+  public:
     // Creates a fresh device root under /tmp with "/sdcard/Tellwick/" and installs itself.
     BenchPlatform();
     // Removes the device root.
@@ -19,10 +19,10 @@ public:
 
     const std::string& root() const { return root_; }
 
-private:
+  private:
     struct Impl;
     std::unique_ptr<Impl> impl_;
     std::string root_;
 };
 
-} // namespace vdbench
+}  // namespace vdbench

@@ -34,8 +34,8 @@ std::vector<std::unique_ptr<vdbench::SyntheticModule>>& modules() {
 }
 
 struct Documents {
-    std::string current; // the registry as it stands
-    std::string changed; // one int value changed in every module
+    std::string current;  // the registry as it stands
+    std::string changed;  // one int value changed in every module
 };
 
 // Fills the registry with `count` synthetic modules (once per size) and returns its documents.
@@ -58,8 +58,9 @@ const Documents& useRegistry(int count) {
     free(text);
     docs.changed = docs.current;
     // "Rotate Count" carries "128" in every module; make it "129".
-    for (size_t at = 0; (at = docs.changed.find("\"Rotate Count\",\"type\":\"int\",\"value\":\"128\"",
-                                                 at)) != std::string::npos;) {
+    for (size_t at = 0;
+         (at = docs.changed.find("\"Rotate Count\",\"type\":\"int\",\"value\":\"128\"", at)) !=
+         std::string::npos;) {
         at += strlen("\"Rotate Count\",\"type\":\"int\",\"value\":\"12");
         docs.changed[at] = '9';
     }
@@ -106,7 +107,8 @@ void BM_BuildTreeAndDump(benchmark::State& state) {
                 json_object_set_new(setting, "type", json_string(c.type));
                 json_object_set_new(setting, "value", json_string(c.value));
                 json_t* list = json_array();
-                for (const char* option : c.options) json_array_append_new(list, json_string(option));
+                for (const char* option : c.options)
+                    json_array_append_new(list, json_string(option));
                 json_object_set_new(setting, "list", list);
                 json_array_append_new(settings, setting);
             }
@@ -166,7 +168,7 @@ BENCHMARK(BM_SetConfig)->Apply(sizes);
 
 // Captures a request, or answers with a prepared reply.
 class LoopBinder : public vigild::platform::Binder {
-public:
+  public:
     int32_t transact(uint32_t, const std::vector<uint8_t>& data, std::vector<uint8_t>* reply,
                      uint32_t) override {
         lastSize = data.size();
@@ -225,6 +227,6 @@ BENCHMARK(BM_ParcelEncodeFloor)->Apply(sizes);
 void BM_ParcelDecodeFloor(benchmark::State& state) { copyFloor(state, 2); }
 BENCHMARK(BM_ParcelDecodeFloor)->Apply(sizes);
 
-} // namespace
+}  // namespace
 
 BENCHMARK_MAIN();

@@ -29,7 +29,7 @@ int rangeCopy(const char* source, const char* destination) {
     return close(out) == 0 ? 0 : 1;
 }
 
-} // namespace
+}  // namespace
 
 int main(int argc, char** argv) {
     if (argc == 5 && strcmp(argv[1], "vigild") == 0) {

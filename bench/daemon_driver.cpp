@@ -144,7 +144,7 @@ struct Exchange {
 // Sits between the daemon and the stand-in and writes down every connection and frame size,
 // so the bare exchange can repeat exactly the same traffic.
 class Relay {
-public:
+  public:
     Relay(std::string listenPath, std::string servicePath)
         : listenPath_(std::move(listenPath)), servicePath_(std::move(servicePath)) {
         listenFd_ = listenAt(listenPath_);
@@ -170,7 +170,7 @@ public:
         return connections_;
     }
 
-private:
+  private:
     void acceptLoop() {
         while (!stopping_) {
             int client = accept4(listenFd_, nullptr, nullptr, SOCK_CLOEXEC);
@@ -234,7 +234,7 @@ private:
 struct Plan {
     uint32_t commandRequestSize = 0;
     uint32_t commandReplySize = 0;
-    std::vector<Exchange> steps; // connection numbers relative: 0 is the command's own
+    std::vector<Exchange> steps;  // connection numbers relative: 0 is the command's own
     int connections = 1;
 };
 
@@ -278,8 +278,7 @@ Plan calibrate(const std::string& vigild, const std::string& root, const std::st
     if (!service.start()) exit(1);
     mkdir((root + "/dev").c_str(), 0777);
     mkdir((root + "/dev/binder").c_str(), 0777);
-    Relay relay(root + "/dev/binder/" + kServiceName,
-                hidden + "/dev/binder/" + kServiceName);
+    Relay relay(root + "/dev/binder/" + kServiceName, hidden + "/dev/binder/" + kServiceName);
     pid_t daemon = launchDaemon(vigild, root);
     if (daemon < 0 || !settle(service)) {
         fprintf(stderr, "calibration: the daemon never asked for a command\n");
@@ -303,7 +302,7 @@ Plan calibrate(const std::string& vigild, const std::string& root, const std::st
     std::map<int, int> renumber = {{pending.connection, 0}};
     for (size_t i = before.size(); i < after.size(); i++) {
         Exchange e = after[i];
-        if (e.code == 1) break; // the loop asking for its next command: the round is over
+        if (e.code == 1) break;  // the loop asking for its next command: the round is over
         if (renumber.count(e.connection) == 0) {
             int next = static_cast<int>(renumber.size());
             renumber[e.connection] = next;
@@ -321,7 +320,7 @@ Plan calibrate(const std::string& vigild, const std::string& root, const std::st
 // The bare exchange: a server that answers frames of the planned sizes, and a client that
 // plays the daemon's part with the same connections.
 class BareExchange {
-public:
+  public:
     BareExchange(const std::string& path, const Plan& plan) : path_(path), plan_(plan) {
         listenFd_ = listenAt(path_);
         server_ = std::thread([this] { acceptLoop(); });
@@ -386,7 +385,7 @@ public:
         return seconds;
     }
 
-private:
+  private:
     void acceptLoop() {
         while (!stopping_) {
             int fd = accept4(listenFd_, nullptr, nullptr, SOCK_CLOEXEC);
@@ -478,10 +477,11 @@ int roundTrip(const std::string& vigild, const std::string& root, const std::str
         bytes += e.requestSize + e.replySize;
         requests += (requests.empty() ? "" : ",") + std::to_string(e.code);
     }
-    printf("{\"command\": \"%s\", \"connections\": %d, \"transactions\": %zu, \"bytes\": %llu, "
-           "\"codes\": [%s], \"vigild\": [",
-           command.c_str(), plan.connections, plan.steps.size() + 1,
-           static_cast<unsigned long long>(bytes), requests.c_str());
+    printf(
+        "{\"command\": \"%s\", \"connections\": %d, \"transactions\": %zu, \"bytes\": %llu, "
+        "\"codes\": [%s], \"vigild\": [",
+        command.c_str(), plan.connections, plan.steps.size() + 1,
+        static_cast<unsigned long long>(bytes), requests.c_str());
     for (size_t i = 0; i < vigildTimes.size(); i++) printf("%s%.7f", i ? ", " : "", vigildTimes[i]);
     printf("], \"bare\": [");
     for (size_t i = 0; i < bareTimes.size(); i++) printf("%s%.7f", i ? ", " : "", bareTimes[i]);
@@ -556,8 +556,8 @@ void sample(pid_t pid, const char* label) {
             if (e->d_name[0] == '.') continue;
             std::string task = proc + "/task/" + e->d_name;
             std::string s = readText(task + "/status");
-            switches += field(s, "\nvoluntary_ctxt_switches:") +
-                        field(s, "\nnonvoluntary_ctxt_switches:");
+            switches +=
+                field(s, "\nvoluntary_ctxt_switches:") + field(s, "\nnonvoluntary_ctxt_switches:");
             cpuNs += atoll(readText(task + "/schedstat").c_str());
         }
         closedir(d);
@@ -570,13 +570,14 @@ void sample(pid_t pid, const char* label) {
     long stime = 0;
     for (int i = 3; i < 14; i++) rest >> skip;
     rest >> utime >> stime;
-    printf("{\"sample\": \"%s\", \"rss_kb\": %ld, \"pss_kb\": %ld, \"private_kb\": %ld, "
-           "\"threads\": %ld, \"fds\": %d, \"cpu_ticks\": %ld, \"ticks_per_second\": %ld, "
-           "\"cpu_ns\": %lld, \"switches\": %ld, \"t\": %.3f}\n",
-           label, field(rollup, "\nRss:"), field(rollup, "\nPss:"),
-           field(rollup, "\nPrivate_Clean:") + field(rollup, "\nPrivate_Dirty:"),
-           field(status, "\nThreads:"), fds, utime + stime, sysconf(_SC_CLK_TCK), cpuNs, switches,
-           std::chrono::duration<double>(Clock::now().time_since_epoch()).count());
+    printf(
+        "{\"sample\": \"%s\", \"rss_kb\": %ld, \"pss_kb\": %ld, \"private_kb\": %ld, "
+        "\"threads\": %ld, \"fds\": %d, \"cpu_ticks\": %ld, \"ticks_per_second\": %ld, "
+        "\"cpu_ns\": %lld, \"switches\": %ld, \"t\": %.3f}\n",
+        label, field(rollup, "\nRss:"), field(rollup, "\nPss:"),
+        field(rollup, "\nPrivate_Clean:") + field(rollup, "\nPrivate_Dirty:"),
+        field(status, "\nThreads:"), fds, utime + stime, sysconf(_SC_CLK_TCK), cpuNs, switches,
+        std::chrono::duration<double>(Clock::now().time_since_epoch()).count());
     fflush(stdout);
 }
 
@@ -596,12 +597,13 @@ int idle(const std::string& vigild, const std::string& root, int seconds) {
     return 0;
 }
 
-} // namespace
+}  // namespace
 
 int main(int argc, char** argv) {
     signal(SIGPIPE, SIG_IGN);
     std::string mode = argc > 1 ? argv[1] : "";
-    if (mode == "roundtrip" && argc == 6) return roundTrip(argv[2], argv[3], argv[4], atoi(argv[5]));
+    if (mode == "roundtrip" && argc == 6)
+        return roundTrip(argv[2], argv[3], argv[4], atoi(argv[5]));
     if (mode == "startup" && argc == 5) return startup(argv[2], argv[3], atoi(argv[4]));
     if (mode == "idle" && argc == 5) return idle(argv[2], argv[3], atoi(argv[4]));
     fprintf(stderr,

@@ -13,19 +13,19 @@
 namespace vdbench {
 
 class SyntheticModule : public Module {
-public:
+  public:
     explicit SyntheticModule(std::string name, std::string version = "14.0.0.1")
         : name_(std::move(name)), version_(std::move(version)) {}
 
     int shouldLoad() override { return 0; }
     int init(moduleConfig& settings) override {
-        static const char* const kInts[] = {"Buffer Size (KB)", "Rotate Count", "Max File (MB)",
-                                            "Poll Interval (ms)", "Queue Depth", "Retries",
-                                            "Sample Rate", "Level Mask"};
-        static const char* const kBools[] = {"Verbose", "Compress", "Timestamp", "Kernel",
-                                             "Radio", "Events", "Crash Only", "Upload"};
-        static const char* const kLists[] = {"Log Level", "Format", "Priority", "Rotation",
-                                             "Filter", "Encoding"};
+        static const char* const kInts[] = {"Buffer Size (KB)",   "Rotate Count", "Max File (MB)",
+                                            "Poll Interval (ms)", "Queue Depth",  "Retries",
+                                            "Sample Rate",        "Level Mask"};
+        static const char* const kBools[] = {"Verbose", "Compress", "Timestamp",  "Kernel",
+                                             "Radio",   "Events",   "Crash Only", "Upload"};
+        static const char* const kLists[] = {"Log Level", "Format", "Priority",
+                                             "Rotation",  "Filter", "Encoding"};
         char value[32];
         int i = 0;
         for (const char* name : kInts) {
@@ -51,7 +51,7 @@ public:
     int configVal(moduleConfig&, std::vector<std::string>&) override { return 0; }
     int logcatEOFStatus() override { return 0; }
 
-private:
+  private:
     static void addString(moduleConfig& settings, const char* name, const char* value) {
         config c = {};
         c.name = name;
@@ -65,4 +65,4 @@ private:
     std::string version_;
 };
 
-} // namespace vdbench
+}  // namespace vdbench

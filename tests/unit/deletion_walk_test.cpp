@@ -33,8 +33,8 @@ TEST(DeletionWalk, FoldersLargerThanOneReadAreEmptiedAndRemoved) {
 TEST(DeletionWalk, FoldersThatKeepSomethingStayWithTheirParents) {
     struct Case {
         int type;
-        const char* kept;    // stays, with every folder above it
-        const char* goner;   // goes
+        const char* kept;   // stays, with every folder above it
+        const char* goner;  // goes
     };
     const Case cases[] = {
         {0, "/sdcard/Tellwick/a/b/config.json", "/sdcard/Tellwick/a/b/x.log"},

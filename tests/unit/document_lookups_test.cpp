@@ -55,8 +55,8 @@ TEST(DocumentLookups, OneRootLookupPerBuildWithTheSameResult) {
     // The moved settings each ask for their default folder; the kept ones share one lookup.
     EXPECT_EQ(cardQuestions(service), 1 + 3);
     for (int i = 0; i < 6; i++) {
-        std::string expected = i % 2 ? "/sdcard/Tellwick/" : "/sdcard/Tellwick/m" +
-                                                                 std::to_string(i) + "/";
+        std::string expected =
+            i % 2 ? "/sdcard/Tellwick/" : "/sdcard/Tellwick/m" + std::to_string(i) + "/";
         EXPECT_EQ(moduleRegistry[i].settings.configs[1].value, expected) << i;
     }
 
