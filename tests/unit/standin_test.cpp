@@ -52,20 +52,18 @@ class StandinTest : public ::testing::Test {
 TEST_F(StandinTest, EveryReportingCallIsRecordedInOrder) {
     auto proxy = connect();
     ASSERT_NE(proxy, nullptr);
-    EXPECT_EQ(proxy->sendConfig("{\"vigild\":[]}"), 0);
-    EXPECT_EQ(proxy->sendState(1), 0);
-    EXPECT_EQ(proxy->sendVersion("vigild", "14.0.15.19"), 0);
-    EXPECT_EQ(proxy->sendConfigErrorMessage("{\"errors\":[\"é\"]}"), 0);
-    EXPECT_EQ(proxy->enableNotification(true), 0);
-    EXPECT_EQ(proxy->startBTSnoop(), 0);
-    EXPECT_EQ(proxy->stopBTSnoop(), 0);
-    EXPECT_EQ(proxy->setTraceLevel(5), 0);
-    EXPECT_EQ(proxy->isBTSnooplogConfigChanged(false), 0);
+    EXPECT_EQ((std::vector<int>{proxy->sendConfig("{\"vigild\":[]}"), proxy->sendState(1),
+                                proxy->sendVersion("vigild", "14.0.15.19"),
+                                proxy->sendConfigErrorMessage("{\"errors\":[\"é\"]}"),
+                                proxy->enableNotification(true), proxy->startBTSnoop(),
+                                proxy->stopBTSnoop(), proxy->setTraceLevel(5),
+                                proxy->isBTSnooplogConfigChanged(false)}),
+              std::vector<int>(9, 0));
     proxy->stopAmbientLight();
-    EXPECT_EQ(proxy->updateValidUserStatus(true), 0);
-    EXPECT_EQ(proxy->setQcMetaIdVersion("QC-7"), 0);
-    EXPECT_EQ(proxy->resetToDefault(), 0);
-    EXPECT_EQ(proxy->updateTwBugreportStatus(false), 0);
+    EXPECT_EQ(
+        (std::vector<int>{proxy->updateValidUserStatus(true), proxy->setQcMetaIdVersion("QC-7"),
+                          proxy->resetToDefault(), proxy->updateTwBugreportStatus(false)}),
+        std::vector<int>(4, 0));
 
     std::vector<std::string> methods;
     for (const Record& r : service.records()) methods.push_back(r.method);
