@@ -294,7 +294,7 @@ def main():
                    help="where the deletion trees go (default: /dev/shm when it is a tmpfs)")
     p.add_argument("--copy-dir", default="/tmp")
     p.add_argument("--copy-mib", type=int, default=512)
-    p.add_argument("--copy-runs", type=int, default=3)
+    p.add_argument("--copy-runs", type=int, default=5)
     p.add_argument("--rounds", type=int, default=200)
     p.add_argument("--startups", type=int, default=15)
     p.add_argument("--idle-seconds", type=int, default=60)
