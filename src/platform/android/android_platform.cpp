@@ -1,4 +1,5 @@
 #include "platform/android/android_platform.h"
+#include "platform/posix_process.h"
 
 #include <android/log.h>
 #include <cutils/properties.h>
@@ -51,33 +52,11 @@ int SystemProcesses::closeShell(FILE* stream) { return ::pclose(stream); }
 int SystemProcesses::runShell(const char* command) { return ::system(command); }
 
 Child SystemProcesses::spawn(const char* devicePath) {
-    Child child;
-    int fds[2];
-    if (::pipe2(fds, O_CLOEXEC) != 0) return child;
-    pid_t pid = ::fork();
-    if (pid == 0) {
-        // A fork of a threaded process: only async-signal-safe calls until exec.
-        ::dup2(fds[1], STDOUT_FILENO);
-        ::dup2(fds[1], STDERR_FILENO);
-        ::execl(devicePath, devicePath, static_cast<char*>(nullptr));
-        ::_exit(1);
-    }
-    ::close(fds[1]);
-    if (pid < 0) {
-        ::close(fds[0]);
-        return child;
-    }
-    child.pid = pid;
-    child.outputFd = fds[0];
-    return child;
+    return spawnWithPipe(devicePath, devicePath);
 }
 
 pid_t SystemProcesses::wait(pid_t pid, int* status, int options) {
-    pid_t r;
-    do {
-        r = ::waitpid(pid, status, options);
-    } while (r < 0 && errno == EINTR);
-    return r;
+    return waitForChild(pid, status, options);
 }
 
 int SystemProcesses::kill(pid_t pid, int signal) { return ::kill(pid, signal); }

@@ -1,4 +1,5 @@
 #include "platform/host/host_platform.h"
+#include "platform/posix_process.h"
 
 #include <android/log.h>
 #include <dlfcn.h>
@@ -170,34 +171,11 @@ int HostProcesses::runShell(const char* command) {
 }
 
 Child HostProcesses::spawn(const char* devicePath) {
-    Child child;
-    int fds[2];
-    if (::pipe2(fds, O_CLOEXEC) != 0) return child;
-    std::string path = root_->toHost(devicePath);
-    pid_t pid = ::fork();
-    if (pid == 0) {
-        // Only async-signal-safe calls from here on.
-        ::dup2(fds[1], 1);
-        ::dup2(fds[1], 2);
-        ::execl(path.c_str(), devicePath, static_cast<char*>(nullptr));
-        ::_exit(1);
-    }
-    ::close(fds[1]);
-    if (pid < 0) {
-        ::close(fds[0]);
-        return child;
-    }
-    child.pid = pid;
-    child.outputFd = fds[0];
-    return child;
+    return spawnWithPipe(root_->toHost(devicePath).c_str(), devicePath);
 }
 
 pid_t HostProcesses::wait(pid_t pid, int* status, int options) {
-    pid_t r;
-    do {
-        r = ::waitpid(pid, status, options);
-    } while (r < 0 && errno == EINTR);
-    return r;
+    return waitForChild(pid, status, options);
 }
 
 int HostProcesses::kill(pid_t pid, int signal) { return ::kill(pid, signal); }
