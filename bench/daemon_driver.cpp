@@ -33,6 +33,7 @@
 #include <thread>
 #include <vector>
 
+#include "platform/host/host_platform.h"
 #include "standin/standin_service.h"
 
 extern char** environ;
@@ -83,29 +84,9 @@ void killDaemon(pid_t pid) {
     waitpid(pid, nullptr, 0);
 }
 
-bool writeAll(int fd, const void* data, size_t size) {
-    const char* p = static_cast<const char*>(data);
-    while (size > 0) {
-        ssize_t n = write(fd, p, size);
-        if (n < 0 && errno == EINTR) continue;
-        if (n <= 0) return false;
-        p += n;
-        size -= static_cast<size_t>(n);
-    }
-    return true;
-}
-
-bool readAll(int fd, void* data, size_t size) {
-    char* p = static_cast<char*>(data);
-    while (size > 0) {
-        ssize_t n = read(fd, p, size);
-        if (n < 0 && errno == EINTR) continue;
-        if (n <= 0) return false;
-        p += n;
-        size -= static_cast<size_t>(n);
-    }
-    return true;
-}
+// Whole frames, as the host transport sends and reads them.
+using vigild::platform::host::readAll;
+using vigild::platform::host::writeAll;
 
 int listenAt(const std::string& path) {
     int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
