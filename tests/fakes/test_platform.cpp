@@ -18,8 +18,8 @@ namespace vigild::testing {
 int MemoryProperties::get(const char* key, char* value, const char* defaultValue) {
     std::lock_guard<std::mutex> lock(mutex_);
     auto it = values_.find(key);
-    const char* src = (it == values_.end() || it->second.empty()) ? defaultValue
-                                                                  : it->second.c_str();
+    const char* src =
+        (it == values_.end() || it->second.empty()) ? defaultValue : it->second.c_str();
     if (src == nullptr) src = "";
     size_t n = strnlen(src, platform::kPropValueMax - 1);
     memcpy(value, src, n);
@@ -153,8 +153,9 @@ std::vector<std::string> RecordingProcesses::commands() const {
 namespace {
 
 std::string makeTempRoot() {
-    char tmpl[] = "/tmp/vdt.XXXXXX";
-    if (mkdtemp(tmpl) == nullptr) abort();
+    // A device has no /tmp.
+    std::string tmpl = access("/tmp", W_OK) == 0 ? "/tmp/vdt.XXXXXX" : "/data/local/tmp/vdt.XXXXXX";
+    if (mkdtemp(tmpl.data()) == nullptr) abort();
     return tmpl;
 }
 
@@ -162,7 +163,7 @@ TestPlatform* gActive = nullptr;
 
 platform::ServiceManager* testServiceManager();
 
-} // namespace
+}  // namespace
 
 TestPlatform::TestPlatform()
     : root_(makeTempRoot()), deviceRoot_(root_), loader_(&deviceRoot_), services_(&deviceRoot_) {
@@ -192,7 +193,7 @@ platform::ServiceManager* testServiceManager() {
     if (gActive == nullptr) return nullptr;
     return gActive->servicesIfPresent();
 }
-} // namespace
+}  // namespace
 
 std::string TestPlatform::hostPath(const std::string& devicePath) const {
     return deviceRoot_.toHost(devicePath);
@@ -249,4 +250,4 @@ bool finishesWithin(std::function<void()> fn, std::chrono::milliseconds timeout)
     return false;
 }
 
-} // namespace vigild::testing
+}  // namespace vigild::testing

@@ -68,7 +68,6 @@ public:
     // Records the request, advances virtual time, runs the hook and returns at once.
     void sleepFor(std::chrono::milliseconds duration) override;
 
-    void setWallTime(time_t t) { now_ = t; }
     // Readings returned by the next wallTime() calls, in order.
     void queueWallTimes(std::vector<time_t> readings);
     std::vector<std::chrono::milliseconds> sleeps() const;

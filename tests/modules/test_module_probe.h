@@ -28,7 +28,6 @@
 //                         boolean "Verbose" = "false"
 //                         list "Level" = "0", options "low", "medium", "high"
 //                         string "Log Path" = "/sdcard/Tellwick/settings/"
-//   lib_vd_garbage.so   a text file, not a library
 //   libvd_x.so, lib_VD_x.so  valid modules named "Ignored" whose names the loader must skip
 //
 // configVal() of every test module objects in pairs (setting name, message):
@@ -133,7 +132,10 @@ inline bool installTestModule(const std::string& hostRoot, const std::string& fi
     std::error_code ec;
     stdfs::path folder = stdfs::path(hostRoot) / "system/lib64";
     stdfs::create_directories(folder, ec);
-    stdfs::copy_file(stdfs::path(VIGILD_TEST_MODULE_DIR) / file, folder / (as.empty() ? file : as),
+    // A relative folder is beside the test binary: where a device test's data libraries land.
+    stdfs::path from(VIGILD_TEST_MODULE_DIR);
+    if (from.is_relative()) from = stdfs::read_symlink("/proc/self/exe", ec).parent_path() / from;
+    stdfs::copy_file(from / file, folder / (as.empty() ? file : as),
                      stdfs::copy_options::overwrite_existing, ec);
     return !ec;
 }

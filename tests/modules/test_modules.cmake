@@ -42,10 +42,6 @@ vd_test_module(lib_vd_settings NAME SettingsModule DEFS VDTEST_SETTINGS=1)
 vd_test_module(libvd_x NAME Ignored)
 vd_test_module(lib_VD_x NAME Ignored)
 
-# Not a library at all: dlopen must fail on it.
-configure_file(${CMAKE_CURRENT_LIST_DIR}/garbage.txt ${CMAKE_CURRENT_BINARY_DIR}/lib_vd_garbage.so
-  COPYONLY)
-
 # Every test can load them and read their probes.
 add_dependencies(vigild_test_support vd_test_modules)
 target_link_libraries(vigild_test_support PUBLIC vd_test_probe)

@@ -79,8 +79,9 @@ TEST_F(ModuleLoaderTest, OrdersBuiltInsAroundLibraryModulesSortedByName) {
 
 TEST_F(ModuleLoaderTest, FiltersNamesVersionsAndBrokenLibraries) {
     install({"lib_vd_beta.so", "lib_vd_old.so", "lib_vd_wrong.so", "lib_vd_skip.so",
-             "lib_vd_noentry.so", "lib_vd_garbage.so", "lib_vd_nullname.so",
-             "lib_vd_nullversion.so", "libvd_x.so", "lib_VD_x.so"});
+             "lib_vd_noentry.so", "lib_vd_nullname.so", "lib_vd_nullversion.so", "libvd_x.so",
+             "lib_VD_x.so"});
+    p.writeFile("/system/lib64/lib_vd_garbage.so", "This is not a shared library.\n");
     // Right prefix, nothing behind it: tried like any other.
     ASSERT_TRUE(vdtest::installTestModule(p.root(), "lib_vd_alpha.so", "lib_vd_"));
     // Not a library file name at all but with the prefix: still tried.

@@ -38,8 +38,10 @@ class BinderServiceManager : public ServiceManager {
     std::shared_ptr<Binder> getService(const std::string& name) override {
         ::android::sp<::android::IServiceManager> manager = ::android::defaultServiceManager();
         if (manager == nullptr) return nullptr;
+        // checkService does not wait: getService (deprecated) blocks for seconds per try, and
+        // the command loop already retries every second on its own.
         ::android::sp<::android::IBinder> binder =
-            manager->getService(::android::String16(name.c_str()));
+            manager->checkService(::android::String16(name.c_str()));
         if (binder == nullptr) return nullptr;
         return std::make_shared<BinderConnection>(binder);
     }
