@@ -9,50 +9,10 @@
 #include <string>
 
 #include "platform/platform.h"
+#include "service/protocol.h"
 
 template <typename T>
 using sp = std::shared_ptr<T>;
-
-// Transaction codes. 9 to 17 are not used and must not be reused.
-enum Ivd_serviceCode : uint32_t {
-    WAIT_FOR_RESPONSE = 1,
-    SEND_CONFIG = 2,
-    RECEIVE_CONFIG = 3,
-    SEND_STATE = 4,
-    SEND_VERSION = 5,
-    SEND_CONFIG_ERROR_MESSAGE = 6,
-    ENABLE_NOTIFICATION = 7,
-    GET_STATE = 8,
-    START_BT_SNOOP = 18,
-    STOP_BT_SNOOP = 19,
-    SET_TRACE_LEVEL = 20,
-    IS_BT_SNOOPLOG_CONFIG_CHANGED = 21,
-    BLUETOOTH_IS_ENABLED = 22,
-    BLUETOOTH_IS_DISCOVERABLE = 23,
-    BLUETOOTH_IS_CONNECTED = 24,
-    AMBIENT_LIGHT = 25,
-    STOP_AMBIENT_LIGHT = 26,
-    WAN_SIGNAL_STRENGTH = 27,
-    FOREGROUND_APPLICATION = 28,
-    SERIAL_NUMBER = 29,
-    MODEL_NUMBER = 30,
-    BSP_NUMBER = 31,
-    WIFI_SIGNAL_STRENGTH = 32,
-    DHCP = 33,
-    GATEWAY = 34,
-    GET_DEFAULT_DIR_PATH = 35,
-    IS_SDCARD_PRESENT = 36,
-    GET_SDCARD_PATH = 37,
-    GET_TELLWICK_VERSION = 38,
-    IS_USER_VALID_TO_DEPLOY = 39,
-    UPDATE_VALID_USER_STATUS = 40,
-    GET_QC_META_ID_VERSION = 41,
-    SET_QC_META_ID_VERSION = 42,
-    RESET_TO_DEFAULT = 43,
-    DELETE_TW_LOGS = 44,
-    GET_DELETE_LOGS_PARAM = 45,
-    UPDATE_TW_BUGREPORT_STATUS = 46,
-};
 
 // The service's name in the service manager and the interface descriptor.
 constexpr const char* kServiceName = "com.tandril.vd.Ivd_service";

@@ -4,12 +4,16 @@
 #include <gtest/gtest.h>
 
 #include <climits>
+#include <functional>
+#include <sstream>
+#include <string_view>
 
 #include "core/debug_singleton.h"
 #include "core/log.h"
 #include "fakes/test_platform.h"
 #include "service/bpvd_service.h"
 #include "service/parcel.h"
+#include "service/protocol.h"
 
 namespace {
 
@@ -32,22 +36,6 @@ class FakeBinder : public vigild::platform::Binder {
     std::vector<std::vector<uint8_t>> requests;
 };
 
-std::vector<int32_t> words(const std::vector<uint8_t>& bytes) {
-    Parcel p(bytes);
-    std::vector<int32_t> out;
-    while (p.dataAvail() >= 4) out.push_back(p.readInt32());
-    return out;
-}
-
-// The request's words after the interface token.
-std::vector<int32_t> fields(const std::vector<uint8_t>& request) {
-    Parcel token;
-    token.writeInterfaceToken(u"com.tandril.vd.Ivd_service");
-    EXPECT_GE(request.size(), token.dataSize());
-    EXPECT_TRUE(std::equal(token.data().begin(), token.data().end(), request.begin()));
-    return words(std::vector<uint8_t>(request.begin() + token.dataSize(), request.end()));
-}
-
 // A reply built word by word; u16 strings added as raw units.
 struct Reply {
     Parcel p;
@@ -69,69 +57,117 @@ class IvdServiceTest : public ::testing::Test {
     Bpvd_service proxy{binder};
 
     void reply(const Reply& r) { binder->nextReply = r.bytes(); }
-    std::vector<int32_t> lastFields() { return fields(binder->requests.back()); }
 };
 
-TEST_F(IvdServiceTest, RequestsCarryTheTokenAndTheirFields) {
-    proxy.sendConfig("");
-    EXPECT_EQ(binder->codes.back(), SEND_CONFIG);
-    EXPECT_EQ(lastFields(), std::vector<int32_t>{0});
-    // The token itself, byte for byte.
-    const std::vector<uint8_t> tokenStart = {0x00, 0x00, 0x00, 0x80, 0xff, 0xff, 0xff,
-                                             0xff, 0x54, 0x53, 0x59, 0x53, 26,   0,
-                                             0,    0,    'c',  0,    'o',  0};
-    EXPECT_TRUE(std::equal(tokenStart.begin(), tokenStart.end(), binder->requests[0].begin()));
-    EXPECT_EQ(binder->requests[0].size(), 12u + 4u + 56u + 4u);  // 26 units + NUL, padded
-    EXPECT_EQ(binder->flags.back(), 0u);
+// The interface token as platform libbinder writes it for a system-partition client on
+// Android 11 and later (Parcel::writeInterfaceToken: strict-mode policy with the gather bit,
+// no work source, "SYST", the descriptor as String16). Android 10 has no "SYST" word; vendor
+// clients write "VNDR" there instead.
+constexpr const char* kToken =
+    "00000080 ffffffff 54535953 1a000000 63006f00 6d002e00 74006100 6e006400 72006900"
+    "6c002e00 76006400 2e004900 76006400 5f007300 65007200 76006900 63006500 00000000";
 
-    proxy.sendVersion("a", "bc");
-    EXPECT_EQ(lastFields(), (std::vector<int32_t>{1, 0x61, 2, 0x62, 0x63}));
-    // Bytes above 0x7f are zero-extended, not sign-extended.
-    proxy.sendConfigErrorMessage("\xc3\xa9");
-    EXPECT_EQ(lastFields(), (std::vector<int32_t>{2, 0xc3, 0xa9}));
-    proxy.setQcMetaIdVersion(std::string("Q\0Z", 3));
-    EXPECT_EQ(lastFields(), (std::vector<int32_t>{1, 'Q'}));
+std::vector<uint8_t> hex(std::string text) {
+    std::erase(text, ' ');
+    std::vector<uint8_t> out;
+    for (size_t i = 0; i + 1 < text.size(); i += 2)
+        out.push_back(std::stoi(text.substr(i, 2), 0, 16));
+    return out;
+}
 
-    int v;
-    std::string text, apps[2];
-    struct {
-        std::function<void()> call;
-        uint32_t code;
-        std::vector<int32_t> fields;
-    } cases[] = {
-        {[&] { proxy.waitForResponse(); }, WAIT_FOR_RESPONSE, {}},
-        {[&] { proxy.receiveConfig(); }, RECEIVE_CONFIG, {}},
-        {[&] { proxy.sendState(2); }, SEND_STATE, {2}},
-        {[&] { proxy.enableNotification(true); }, ENABLE_NOTIFICATION, {1}},
-        {[&] { proxy.getState(); }, GET_STATE, {}},
-        {[&] { proxy.setTraceLevel(7); }, SET_TRACE_LEVEL, {7}},
-        {[&] { proxy.isBTSnooplogConfigChanged(false); }, IS_BT_SNOOPLOG_CONFIG_CHANGED, {0}},
-        {[&] { proxy.stopAmbientLight(); }, STOP_AMBIENT_LIGHT, {}},
-        {[&] { proxy.wanSignalStrength(v); }, WAN_SIGNAL_STRENGTH, {1}},
-        {[&] { proxy.foregroundApplication(apps); }, FOREGROUND_APPLICATION, {2}},
-        {[&] { proxy.getSDcardPath(text); }, GET_SDCARD_PATH, {1}},
-        {[&] { proxy.wifiSignalStrength(v); }, WIFI_SIGNAL_STRENGTH, {1}},
-        {[&] { proxy.deleteTwLogs(v); }, DELETE_TW_LOGS, {1}},
-        {[&] { proxy.updateValidUserStatus(false); }, UPDATE_VALID_USER_STATUS, {0}},
-        {[&] { proxy.updateTwBugreportStatus(true); }, UPDATE_TW_BUGREPORT_STATUS, {1}},
-        {[&] { proxy.getDeleteLogsParam(); }, GET_DELETE_LOGS_PARAM, {}},
+// Every transaction of the table, byte for byte: the request (token included) and what the
+// proxy makes of a typical reply. A change in either encoding fails here, and the device
+// backend sends these same bytes (it copies them into a libbinder Parcel).
+TEST_F(IvdServiceTest, EveryTransactionsBytesArePinned) {
+    int v = 99;
+    std::string t = "old", apps[2] = {"x", "y"};
+    // The result, then the out value, read after the call (bound by reference).
+    auto both = [](int result, const auto&... out) {
+        std::ostringstream text;
+        text << result;
+        ((text << " " << out), ...);
+        return text.str();
     };
-    for (auto& c : cases) {
-        c.call();
-        EXPECT_EQ(binder->codes.back(), c.code);
-        EXPECT_EQ(lastFields(), c.fields) << "code " << c.code;
+    const std::string ok = "00000000", sn1 = ok + "00000000 01000000 03000000 53004e00 31000000";
+    const struct {
+        uint32_t code;
+        std::function<std::string()> call;
+        const char* request;  // after the token
+        std::string reply;
+        const char* result;
+    } rows[] = {
+        {1, [&] { return proxy.waitForResponse(); }, "",
+         ok + "06000000 73007400 61007200 74003a00 00000000", "start:"},
+        {2, [&] { return both(proxy.sendConfig("")); }, "00000000", ok, "0"},
+        {3, [&] { return proxy.receiveConfig(); }, "",
+         ok + "07000000 7b002200 61002200 3a003100 7d000000", "{\"a\":1}"},
+        {4, [&] { return both(proxy.sendState(2)); }, "02000000", ok, "0"},
+        {5, [&] { return both(proxy.sendVersion("a", "bc")); },
+         "01000000 61000000 02000000 62000000 63000000", ok, "0"},
+        // Bytes above 0x7f are zero-extended.
+        {6, [&] { return both(proxy.sendConfigErrorMessage("\xc3\xa9")); },
+         "02000000 c3000000 a9000000", ok, "0"},
+        {7, [&] { return both(proxy.enableNotification(true)); }, "01000000", ok, "0"},
+        {8, [&] { return both(proxy.getState()); }, "", ok + "02000000", "2"},
+        {18, [&] { return both(proxy.startBTSnoop()); }, "", ok, "0"},
+        {19, [&] { return both(proxy.stopBTSnoop()); }, "", ok, "0"},
+        {20, [&] { return both(proxy.setTraceLevel(7)); }, "07000000", ok, "0"},
+        {21, [&] { return both(proxy.isBTSnooplogConfigChanged(false)); }, "00000000", ok, "0"},
+        {22, [&] { return both(proxy.bluetoothIsEnabled()); }, "", ok + "01000000", "1"},
+        {23, [&] { return both(proxy.bluetoothIsDiscoverable()); }, "", ok + "00000000", "0"},
+        {24, [&] { return both(proxy.bluetoothIsConnected()); }, "", ok + "01000000", "1"},
+        {25, [&] { return both(proxy.ambientLight()); }, "", ok + "2c010000", "300"},
+        {26, [&] { return (proxy.stopAmbientLight(), std::string("-")); }, "", ok, "-"},
+        {27, [&] { return both(proxy.wanSignalStrength(v), v); }, "01000000", ok + "b0ffffff",
+         "0 -80"},
+        {28,
+         [&] {
+             const int r = proxy.foregroundApplication(apps);
+             return both(r, apps[0] + "|" + apps[1]);
+         },
+         // A length of -1 (a null string) consumes only its length word.
+         "02000000", ok + "00000000 02000000 ffffffff 01000000 62000000", "0 |b"},
+        {29, [&] { return both(proxy.serialNumber(t), t); }, "01000000", sn1, "0 SN1"},
+        // High bytes are dropped: units 0x0041 0x0142 0x0043 read as "ABC".
+        {30, [&] { return both(proxy.modelNumber(t), t); }, "01000000",
+         ok + "00000000 01000000 03000000 41004201 43000000", "0 ABC"},
+        {31, [&] { return both(proxy.bspNumber(t), t); }, "01000000", sn1, "0 SN1"},
+        {32, [&] { return both(proxy.wifiSignalStrength(v), v); }, "01000000",
+         ok + "00000000 01000000 c4ffffff", "0 -60"},
+        {33, [&] { return both(proxy.dhcp(t), t); }, "01000000", sn1, "0 SN1"},
+        {34, [&] { return both(proxy.gateway(t), t); }, "01000000", sn1, "0 SN1"},
+        {35, [&] { return both(proxy.getDefaultDirPath(t), t); }, "01000000", sn1, "0 SN1"},
+        {36, [&] { return both(proxy.isSDcardPresent()); }, "", ok + "01000000", "1"},
+        {37, [&] { return both(proxy.getSDcardPath(t), t); }, "01000000", sn1, "0 SN1"},
+        {38, [&] { return both(proxy.getTellwickVersion(t), t); }, "01000000", sn1, "0 SN1"},
+        {39, [&] { return both(proxy.isUserValidToDeploy()); }, "", ok + "01000000", "1"},
+        {40, [&] { return both(proxy.updateValidUserStatus(true)); }, "01000000", ok, "0"},
+        {41, [&] { return both(proxy.getQcMetaIdVersion(t), t); }, "01000000", sn1, "0 SN1"},
+        // The text ends at its first NUL.
+        {42, [&] { return both(proxy.setQcMetaIdVersion(std::string("Q\0Z", 3))); },
+         "01000000 51000000", ok, "0"},
+        {43, [&] { return both(proxy.resetToDefault()); }, "", ok, "0"},
+        {44, [&] { return both(proxy.deleteTwLogs(v), v); }, "01000000",
+         ok + "00000000 01000000 03000000", "0 3"},
+        {45, [&] { return both(proxy.getDeleteLogsParam()); }, "", ok + "02000000", "2"},
+        {46, [&] { return both(proxy.updateTwBugreportStatus(false)); }, "00000000", ok, "0"},
+    };
+    ASSERT_EQ(std::size(rows), std::size(vigild::protocol::kTransactions));
+    for (size_t i = 0; i < std::size(rows); i++) {
+        const auto& row = rows[i];
+        SCOPED_TRACE(row.code);
+        EXPECT_EQ(row.code, vigild::protocol::kTransactions[i].code);
+        binder->nextReply = hex(row.reply);
+        t = "old", v = 99;
+        EXPECT_EQ(row.call(), row.result);
+        ASSERT_EQ(binder->codes.back(), row.code);
+        EXPECT_EQ(binder->flags.back(), 0u);
+        EXPECT_EQ(binder->requests.back(), hex(std::string(kToken) + row.request));
     }
 }
 
 TEST_F(IvdServiceTest, IncomingStrings) {
-    // Only the low byte of each unit is kept.
-    reply(Reply().i(0).s16(u"\u0041\u0142\u0043"));
-    EXPECT_EQ(proxy.waitForResponse(), "ABC");
-    reply(Reply().i(0).i(0).i(1).s16(u"\u0041\u0142\u0043"));
-    std::string out = "old";
-    EXPECT_EQ(proxy.serialNumber(out), 0);
-    EXPECT_EQ(out, "ABC");
-
+    std::string out;
     for (int32_t n : {-1, 0, INT_MIN, INT_MAX, 1000, 0x40000000}) {
         SCOPED_TRACE(n);
         reply(Reply().i(0).i(n).i(0x00420041));
@@ -147,12 +183,6 @@ TEST_F(IvdServiceTest, IncomingStrings) {
     EXPECT_EQ(proxy.waitForResponse(), "");
     EXPECT_EQ(proxy.sendState(1), 0);
     EXPECT_EQ(proxy.getState(), 0);
-
-    // A length of -1 (a null string) consumes only its length word.
-    reply(Reply().i(0).i(0).i(2).i(-1).s16(u"zz"));
-    std::string apps[2] = {"x", "y"};
-    EXPECT_EQ(proxy.foregroundApplication(apps), 0);
-    EXPECT_EQ(apps[0] + "|" + apps[1], "|zz");
 }
 
 TEST_F(IvdServiceTest, ExceptionRepliesGiveTheFailureValues) {
@@ -185,47 +215,30 @@ TEST_F(IvdServiceTest, ExceptionRepliesGiveTheFailureValues) {
     EXPECT_EQ(platform.log().lines().size(), 0u);
 }
 
-TEST_F(IvdServiceTest, ReplyHeaderStatusWordAndValueForms) {
-    // -128, a header of 12 bytes (counting its size word), then the value.
-    reply(Reply().i(-128).i(12).i(99).i(99).i(7));
-    EXPECT_EQ(proxy.getDeleteLogsParam(), 7);
-    // A header size that cannot be right leaves nothing to read.
-    reply(Reply().i(-128).i(4000).i(7));
-    EXPECT_EQ(proxy.getDeleteLogsParam(), 0);
-
+TEST_F(IvdServiceTest, StatusWordAndValueForms) {
     reply(Reply().i(0).i(1).i(1).s16(u"x"));
     std::string out = "kept";
     EXPECT_EQ(proxy.bspNumber(out), -1);
     EXPECT_EQ(out, "kept");
     EXPECT_TRUE(platform.log().contains("Ivd_service return status was bad", kLogError));
 
-    reply(Reply().i(0).i(0).i(1).i(-7));
-    int value = 0;
-    EXPECT_EQ(proxy.deleteTwLogs(value), 0);
-    EXPECT_EQ(value, -7);
-
     // -1 is a failure although the call went through.
     reply(Reply().i(0).i(-1));
+    int value = 0;
     EXPECT_EQ(proxy.wanSignalStrength(value), -1);
     EXPECT_EQ(value, -1);
-    reply(Reply().i(0).i(-80));
-    EXPECT_EQ(proxy.wanSignalStrength(value), 0);
-    EXPECT_EQ(value, -80);
 }
 
 TEST_F(IvdServiceTest, ForegroundApplicationStoresAtMostTwoStrings) {
     struct {
         int32_t count;
-        std::string first, second;
-    } cases[] = {{0, "a", "b"}, {-5, "a", "b"}, {1, "p", "b"}, {2, "p", "q"}, {3, "p", "q"}};
+        const char* after;  // the caller's three strings
+    } cases[] = {{0, "a|b|c"}, {-5, "a|b|c"}, {1, "p|b|c"}, {2, "p|q|c"}, {3, "p|q|c"}};
     for (const auto& c : cases) {
-        SCOPED_TRACE(c.count);
         reply(Reply().i(0).i(0).i(c.count).s16(u"p").s16(u"q").s16(u"r"));
-        std::string apps[3] = {"a", "b", "untouched"};
+        std::string apps[3] = {"a", "b", "c"};
         EXPECT_EQ(proxy.foregroundApplication(apps), 0);
-        EXPECT_EQ(apps[0], c.first);
-        EXPECT_EQ(apps[1], c.second);
-        EXPECT_EQ(apps[2], "untouched");
+        EXPECT_EQ(apps[0] + "|" + apps[1] + "|" + apps[2], c.after) << c.count;
     }
 }
 
@@ -264,7 +277,6 @@ TEST_F(IvdServiceTest, GetInterfaceReportsEachMissingPiece) {
     EXPECT_TRUE(platform.log().contains("Failed to obtain a handle to the vd_service", kLogError));
     EXPECT_EQ(Ivd_service::asInterface(nullptr), nullptr);
     EXPECT_NE(Ivd_service::asInterface(binder), nullptr);
-    EXPECT_EQ(Ivd_service::getInterfaceDescriptor(), u"com.tandril.vd.Ivd_service");
 }
 
 }  // namespace
