@@ -18,7 +18,7 @@ using sp = std::shared_ptr<T>;
 constexpr const char* kServiceName = "com.tandril.vd.Ivd_service";
 
 class Ivd_service {
-public:
+  public:
     virtual ~Ivd_service() = default;
 
     // A fresh proxy, or null (with an error line) when the service cannot be reached.
@@ -44,10 +44,10 @@ public:
     virtual int bluetoothIsEnabled() = 0;
     virtual int bluetoothIsDiscoverable() = 0;
     virtual int bluetoothIsConnected() = 0;
-    virtual int ambientLight() = 0; // -2147483648 on failure
+    virtual int ambientLight() = 0;  // -2147483648 on failure
     virtual void stopAmbientLight() = 0;
     virtual int wanSignalStrength(int& out) = 0;
-    virtual int foregroundApplication(std::string* out) = 0; // room for two strings
+    virtual int foregroundApplication(std::string* out) = 0;  // room for two strings
     virtual int serialNumber(std::string& out) = 0;
     virtual int modelNumber(std::string& out) = 0;
     virtual int bspNumber(std::string& out) = 0;
