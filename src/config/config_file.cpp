@@ -26,7 +26,9 @@
 #include "storage/storage_root.h"
 #include "storage/utility.h"
 
-std::atomic<bool> restartAfterPathChange{false};
+// Per thread: set by updateConfigDefault and consumed by the loadConfigFile of the same thread,
+// so the file watch cannot take a restart the command thread's change asked for.
+thread_local bool restartAfterPathChange = false;
 
 namespace {
 
@@ -184,7 +186,7 @@ void saveFile(const char* path, const char* text) {
 std::string takeLeftConfigCopy(const char* path) {
     // Every save runs under configMutex: without it a save on another thread would see its
     // copy taken away half-way.
-    std::lock_guard<std::mutex> lock(configMutex);
+    vigild::Lock lock(configMutex);
     const std::string copy = std::string(path) + kCopySuffix;
     vigild::fs::unlink((std::string(path) + kPartialSuffix).c_str());
     struct stat st;
@@ -213,7 +215,7 @@ void resetAndUpdateConfig() {
     LOGD("resetAndUpdateConfig:BEGIN");
     {
         // Other threads read the values under the lock.
-        std::lock_guard<std::mutex> lock(configMutex);
+        vigild::Lock lock(configMutex);
         for (modulePair& entry : moduleRegistry) {
             for (Module::config& c : entry.settings.configs)
                 memcpy(c.value, c.defaultValue, sizeof(c.value));
@@ -221,7 +223,7 @@ void resetAndUpdateConfig() {
     }
     std::string path = configFilePath(getDefaultDirectory());
     {
-        std::lock_guard<std::mutex> lock(configMutex);
+        vigild::Lock lock(configMutex);
         char* text = getConfig();
         saveFile(path.c_str(), text);
         free(text);
@@ -347,7 +349,7 @@ void updateConfigDefault(bool force) {
 
     if (save) {
         {
-            std::lock_guard<std::mutex> lock(configMutex);
+            vigild::Lock lock(configMutex);
             char* text = getConfig();
             if (!isFileExists(file)) mkdir_all((root + kTellwickFolder).c_str());
             if (text != nullptr) {

@@ -5,7 +5,7 @@
 #include <string>
 
 // Set when updateConfigDefault moved a log path; read and cleared by loadConfigFile.
-extern std::atomic<bool> restartAfterPathChange;
+extern thread_local bool restartAfterPathChange;
 
 // Writes `text` to `path` without losing the last good file to a kill or a full disk; the
 // file keeps its inode. A null text writes nothing. Callers hold configMutex.

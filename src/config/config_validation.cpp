@@ -26,7 +26,6 @@
 #include "storage/storage_root.h"
 #include "storage/utility.h"
 
-std::atomic<int> internalSdcardOnlyChanged{0};
 std::atomic<bool> btSnoopConfigChanged{false};
 
 namespace {
@@ -163,12 +162,12 @@ int checkReceived(const char* text, JsonPtr& document) {
 }
 
 // updateConfig on a parsed document; a null one (a text that did not parse) changes nothing.
-void applyReceived(const json_t* document) {
+int applyReceived(const json_t* document) {
     LOGD("updateConfig:BEGIN");
-    internalSdcardOnlyChanged = 0;
+    int internalSdcardOnlyChanged = 0;
     btSnoopConfigChanged = false;
     // The end-of-file monitor and the file watch read these values on their own threads.
-    std::lock_guard<std::mutex> lock(configMutex);
+    vigild::Lock lock(configMutex);
     for (modulePair& entry : moduleRegistry) {
         const char* moduleName = entry.module->getName();
         LOGD("module is %s", moduleName);
@@ -202,6 +201,7 @@ void applyReceived(const json_t* document) {
         }
     }
     LOGD("updateConfig :END");
+    return internalSdcardOnlyChanged;
 }
 
 }  // namespace
@@ -211,9 +211,9 @@ int validateConfig(const char* text) {
     return checkReceived(text, document);
 }
 
-void updateConfig(const char* text) {
+int updateConfig(const char* text) {
     JsonPtr document(text != nullptr ? json_loads(text, 0, nullptr) : nullptr);
-    applyReceived(document.get());
+    return applyReceived(document.get());
 }
 
 int moduleValConfig(int mode) {
@@ -263,7 +263,7 @@ void moduleRestartNeeded(std::string configPath) {
         return;
     }
     // The file is gone: every enabled module must start over with a new one.
-    std::lock_guard<std::mutex> lock(configMutex);
+    vigild::Lock lock(configMutex);
     for (modulePair& entry : moduleRegistry) {
         Module::config* enable = firstEnableSetting(entry);
         if (enable == nullptr) continue;
@@ -293,7 +293,7 @@ void setConfig(const char* text) {
         resetAndUpdateConfig();
         char* defaults = nullptr;
         {
-            std::lock_guard<std::mutex> lock(configMutex);
+            vigild::Lock lock(configMutex);
             defaults = getConfig();
         }
         int defaultsRc = defaults != nullptr ? validateConfig(defaults) : -1;
@@ -307,7 +307,7 @@ void setConfig(const char* text) {
         // The rejected text is still applied on top of the defaults, as far as it fits.
     }
 
-    applyReceived(received.get());
+    const int internalSdcardOnlyChanged = applyReceived(received.get());
     received.reset();
     moduleValConfig(1);
 
@@ -328,7 +328,7 @@ void setConfig(const char* text) {
 
     updateConfigDefault(false);
     {
-        std::lock_guard<std::mutex> lock(configMutex);
+        vigild::Lock lock(configMutex);
         char* document = getConfig();
         if (document != nullptr) {
             saveFile(filePath.c_str(), document);
@@ -338,11 +338,9 @@ void setConfig(const char* text) {
 
     sendConfig();
     restartModules();
-    internalSdcardOnlyChanged = 0;
     LOGD("setConfig:END");
 }
 
 void resetConfigValidationForTesting() {
-    internalSdcardOnlyChanged = 0;
     btSnoopConfigChanged = false;
 }

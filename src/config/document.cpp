@@ -18,7 +18,7 @@
 #include "storage/storage_root.h"
 #include "storage/utility.h"
 
-std::mutex configMutex;
+vigild::Mutex configMutex;
 
 namespace {
 
@@ -154,7 +154,7 @@ void sendConfig() {
         return;
     }
     {
-        std::lock_guard<std::mutex> lock(configMutex);
+        vigild::Lock lock(configMutex);
         if (char* text = getConfig()) {
             service->sendConfig(text);
             free(text);

@@ -1,11 +1,13 @@
 // The configuration document: the registry's settings as one JSON text.
 #pragma once
 
-#include <mutex>
+#include "core/thread_annotations.h"
 
-// Serialises every build of the document that is followed by a file write or a send.
-// Never hold it across a function that takes it itself (sendConfig does).
-extern std::mutex configMutex;
+// Guards every module's settings and every build of the document that is followed by a file
+// write or a send. Never hold it across a binder call, a child process or a tree walk, nor
+// across a function that takes it itself (sendConfig does). Taken after the run-state
+// transition lock, never before it.
+extern vigild::Mutex configMutex;
 
 // Builds the document from the registry (json_dumps, flags 0). The caller free()s the
 // text. May move "Log Path"/"Storage Directory" values into the current storage root.

@@ -42,7 +42,7 @@ void sleepFor(std::chrono::milliseconds duration) {
 
 // Writes the configuration in force to `path`, under the lock so no change slips in between.
 void saveConfigTo(const std::string& path) {
-    std::lock_guard<std::mutex> lock(configMutex);
+    vigild::Lock lock(configMutex);
     char* text = getConfig();
     if (text != nullptr) {
         saveFile(path.c_str(), text);
@@ -118,9 +118,26 @@ int addFileObserver(std::string& internalPath, std::string& externalPath, int& f
     return 0;
 }
 
+namespace {
+// The mask of the first record of `buffer` that is not an IN_IGNORED, or of the first record
+// when all are.
+uint32_t firstFileEventMask(const char* buffer, size_t length) {
+    struct inotify_event event;
+    memcpy(&event, buffer, kEventHeaderSize);
+    const uint32_t firstMask = event.mask;
+    for (size_t offset = 0; offset + kEventHeaderSize <= length;
+         offset += kEventHeaderSize + event.len) {
+        memcpy(&event, buffer + offset, kEventHeaderSize);
+        if ((event.mask & IN_IGNORED) == 0) return event.mask;
+    }
+    return firstMask;
+}
+}  // namespace
+
 void watchConfigFileChange() {
     LOGD("watchConfigFileChange::start");
-    int fd = inotify_init1(IN_NONBLOCK);
+    // Close-on-exec: the bug report tool and shell commands must not inherit the watch.
+    int fd = inotify_init1(IN_NONBLOCK | IN_CLOEXEC);
     if (fd < 0) LOGE("watchConfigFileChange :: fd error ");
 
     std::string internalPath;
@@ -135,13 +152,17 @@ void watchConfigFileChange() {
         ssize_t length = fd >= 0 ? read(fd, buffer, sizeof(buffer)) : -1;
         bool matched = false;
         if (length >= static_cast<ssize_t>(kEventHeaderSize)) {
-            // Every step looks at the first record of the read; only the step length comes
-            // from it. A burst of records may therefore reload more than once.
+            // Every step looks at one record of the read, the first; only the step length
+            // comes from it. A burst of records may therefore reload more than once.
             struct inotify_event first;
             memcpy(&first, buffer, kEventHeaderSize);
             size_t step = kEventHeaderSize + first.len;
+            // Except that the IN_IGNORED left by the last re-arm is no file event: a deletion
+            // queued behind it must still be seen, so the first record that is not one is
+            // the one looked at.
+            const uint32_t tested = firstFileEventMask(buffer, static_cast<size_t>(length));
             for (ssize_t offset = 0; offset < length; offset += step) {
-                if (((first.mask & 0xFFFF) & kReactionMask) == 0) continue;
+                if (((tested & 0xFFFF) & kReactionMask) == 0) continue;
                 matched = true;
                 LOGI("vigild::watchConfigFileChange::needs to reload the config file");
                 reactToChange();
@@ -157,7 +178,7 @@ void watchConfigFileChange() {
         if (matched && runState == kStateRunning) {
             {
                 // The command thread may be changing values under the lock right now.
-                std::lock_guard<std::mutex> lock(configMutex);
+                vigild::Lock lock(configMutex);
                 for (modulePair& entry : moduleRegistry) {
                     for (const Module::config& setting : entry.settings.configs) {
                         if (!isEnableModuleSetting(setting)) continue;
@@ -207,7 +228,7 @@ void watchConfig() {
         LOGD("config - file not present");
         char* text = nullptr;
         {
-            std::lock_guard<std::mutex> lock(configMutex);
+            vigild::Lock lock(configMutex);
             text = getConfig();
         }
         // setConfig writes the document back to the file and takes the lock itself.
@@ -242,7 +263,7 @@ void refreshConfigFileSecureMode() {
     // Not allowed to deploy: the configuration in force goes back over the edit.
     char* text = nullptr;
     {
-        std::lock_guard<std::mutex> lock(configMutex);
+        vigild::Lock lock(configMutex);
         text = getConfig();
         if (text == nullptr) return;
         saveFile(file.c_str(), text);

@@ -23,7 +23,7 @@ bool findEnabledLogcat(size_t& cursor) {
         modulePair& entry = moduleRegistry[cursor];
         if (strcmp(entry.module->getName(), "LogcatModule") != 0) continue;
         // A configuration change may be writing the value on another thread.
-        std::lock_guard<std::mutex> lock(configMutex);
+        vigild::Lock lock(configMutex);
         for (const Module::config& c : entry.settings.configs) {
             if (strcmp(c.name, "Enable Module") == 0 && strcmp(c.type, "boolean") == 0) {
                 return strcmp(c.value, "true") == 0;
@@ -45,10 +45,9 @@ void monitorEOF() {
             modulePair& entry = moduleRegistry[cursor];
             if (entry.module->logcatEOFStatus() != 0) {
                 LOGI("vigild::EOF! detected, starting counter measures to restart Logcat module");
+                vigild::platform::syncPoint("monitorEOF.beforeRestart");
                 // A plain stop and start: the run state stays "running" and is not reported.
-                entry.module->prestop();
-                entry.module->stop();
-                entry.module->start(copySettings(entry));
+                restartModuleIfRunning(entry);
                 watching = false;
             }
         }

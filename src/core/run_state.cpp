@@ -21,13 +21,21 @@
 
 namespace {
 
+// Serialises every run-state transition: start, stop, the restart of marked modules, the
+// end-of-file restart and the clock-jump notice. Held for the whole transition, module calls
+// and state reports included, because the transition is the unit that must not interleave;
+// each one re-checks the state once it holds the lock, so the one that loses a race does
+// nothing. Recursive: a start in QuickTap mode reloads the configuration, which may ask for a
+// restart (refused then, as the state is "transition"). Taken before configMutex, never after.
+vigild::RecursiveMutex transitionMutex;
+
 // Modules that were started and not stopped since, so a module disabled by a configuration
-// change while running still gets its stop.
-std::mutex startedMutex;
-std::set<Module*> startedModules;
+// change while running still gets its stop. Leaf lock: nothing is called while holding it.
+vigild::Mutex startedMutex;
+std::set<Module*> startedModules GUARDED_BY(startedMutex);
 
 void markStarted(Module* module, bool running) {
-    std::lock_guard<std::mutex> lock(startedMutex);
+    vigild::Lock lock(startedMutex);
     if (running) {
         startedModules.insert(module);
     } else {
@@ -36,7 +44,7 @@ void markStarted(Module* module, bool running) {
 }
 
 bool wasStarted(Module* module) {
-    std::lock_guard<std::mutex> lock(startedMutex);
+    vigild::Lock lock(startedMutex);
     return startedModules.count(module) != 0;
 }
 
@@ -85,30 +93,39 @@ void reloadQuickTapConfig() {
 }  // namespace
 
 bool isEntryEnabled(modulePair& entry) {
-    std::lock_guard<std::mutex> lock(configMutex);
+    vigild::Lock lock(configMutex);
     return isModuleEnabled(entry.settings);
 }
 
 bool enabledSettings(modulePair& entry, Module::moduleConfig* copy) {
-    std::lock_guard<std::mutex> lock(configMutex);
+    vigild::Lock lock(configMutex);
     if (!isModuleEnabled(entry.settings)) return false;
     *copy = entry.settings;
     return true;
 }
 
 Module::moduleConfig copySettings(modulePair& entry) {
-    std::lock_guard<std::mutex> lock(configMutex);
+    vigild::Lock lock(configMutex);
     return entry.settings;
 }
 
 void storeChangedValues(modulePair& entry, const Module::moduleConfig& before,
                         const Module::moduleConfig& changed) {
-    std::lock_guard<std::mutex> lock(configMutex);
+    vigild::Lock lock(configMutex);
     std::vector<Module::config>& configs = entry.settings.configs;
     size_t n = std::min(configs.size(), std::min(before.configs.size(), changed.configs.size()));
+    // addConfigInt and its kin set the default as well as the value, and a list may get
+    // new options: whatever the module changed on its copy is taken back.
     for (size_t i = 0; i < n; i++) {
-        if (strcmp(before.configs[i].value, changed.configs[i].value) == 0) continue;
-        memcpy(configs[i].value, changed.configs[i].value, sizeof(configs[i].value));
+        const Module::config& was = before.configs[i];
+        const Module::config& now = changed.configs[i];
+        if (strcmp(was.value, now.value) != 0) {
+            memcpy(configs[i].value, now.value, sizeof(configs[i].value));
+        }
+        if (strcmp(was.defaultValue, now.defaultValue) != 0) {
+            memcpy(configs[i].defaultValue, now.defaultValue, sizeof(configs[i].defaultValue));
+        }
+        if (was.options != now.options) configs[i].options = now.options;
     }
 }
 
@@ -128,6 +145,7 @@ void updateState(const char* state) {
 
 void start() {
     LOGD("start():BEGIN");
+    vigild::Lock transition(transitionMutex);
     int state = runState.load();
     if (state == kStateRunning || state == kStateTransition) {
         LOGI("vigild is running or transitioning no need to start");
@@ -144,6 +162,7 @@ void start() {
 
 void stop() {
     LOGD("stop():BEGIN");
+    vigild::Lock transition(transitionMutex);
     int state = runState.load();
     if (state == kStateStopped || state == kStateTransition) {
         LOGI("vigild is stopped or transitioning no need to stop");
@@ -168,6 +187,7 @@ void stop() {
 
 void restartModules() {
     LOGD("restartModules():BEGIN");
+    vigild::Lock transition(transitionMutex);
     if (runState.load() != kStateRunning) {
         // The flags stay set: the next start uses the new settings anyway.
         LOGI("vigild is not running no need to restart modules");
@@ -175,27 +195,25 @@ void restartModules() {
         return;
     }
     updateState("transition");
+    // The marks are taken once: one set by another thread from here on waits for the next
+    // restart, so nothing is started that this one did not stop.
+    const size_t count = moduleRegistry.size();
+    std::vector<bool> marked(count), stopping(count);
+    for (size_t i = 0; i < count; i++) marked[i] = moduleRegistry[i].restartNeeded.exchange(0) == 1;
+    vigild::platform::syncPoint("restartModules.marksTaken");
     // A module disabled by the change is still running and needs its stop.
-    auto needsStop = [](modulePair& entry) {
-        return entry.restartNeeded.load() == 1 &&
-               (isEntryEnabled(entry) || wasStarted(entry.module));
-    };
-    std::vector<bool> stopping;
-    stopping.reserve(moduleRegistry.size());
-    for (modulePair& entry : moduleRegistry) {
-        bool s = needsStop(entry);
-        stopping.push_back(s);
-        if (s) entry.module->prestop();
+    for (size_t i = 0; i < count; i++) {
+        modulePair& entry = moduleRegistry[i];
+        stopping[i] = marked[i] && (isEntryEnabled(entry) || wasStarted(entry.module));
+        if (stopping[i]) entry.module->prestop();
     }
-    for (size_t i = 0; i < moduleRegistry.size(); i++) {
+    for (size_t i = 0; i < count; i++) {
         if (!stopping[i]) continue;
         moduleRegistry[i].module->stop();
         markStarted(moduleRegistry[i].module, false);
     }
-    for (modulePair& entry : moduleRegistry) {
-        if (entry.restartNeeded.load() != 1) continue;
-        entry.restartNeeded = 0;
-        startIfEnabled(entry);
+    for (size_t i = 0; i < count; i++) {
+        if (marked[i]) startIfEnabled(moduleRegistry[i]);
     }
     updateState("running");
     LOGD("restartModules():END");
@@ -225,7 +243,9 @@ void systemTimeCheker() {
     time_t t1 = clock->wallTime();
     time_t t2 = clock->wallTime();
     // Only a backward jump between the two readings counts; kept that narrow on purpose.
-    if (runState.load() == kStateRunning && difftime(t1, t2) > 10.0) {
+    if (runState.load() != kStateRunning || difftime(t1, t2) <= 10.0) return;
+    vigild::Lock transition(transitionMutex);
+    if (runState.load() == kStateRunning) {
         LOGI("System time has changed notify the modules");
         for (modulePair& entry : moduleRegistry) {
             if (isEntryEnabled(entry)) entry.module->systemTimeChange();
@@ -233,7 +253,17 @@ void systemTimeCheker() {
     }
 }
 
+bool restartModuleIfRunning(modulePair& entry) {
+    vigild::Lock transition(transitionMutex);
+    // A stop or a start that got here first wins: this restart then does nothing.
+    if (runState.load() != kStateRunning) return false;
+    entry.module->prestop();
+    entry.module->stop();
+    entry.module->start(copySettings(entry));
+    return true;
+}
+
 void resetRunStateForTesting() {
-    std::lock_guard<std::mutex> lock(startedMutex);
+    vigild::Lock lock(startedMutex);
     startedModules.clear();
 }

@@ -1,7 +1,9 @@
 // The run state: starting, stopping and restarting modules, and reporting the state.
 //
 // start/stop run on the command thread (and on the main thread for the auto-start);
-// restartModules on whichever thread changed the configuration. None takes a lock.
+// restartModules on whichever thread changed the configuration; the end-of-file restart on
+// its monitor. Every transition holds one transition lock from its state check to its last
+// report, so they never interleave; runState stays an atomic for readers.
 #pragma once
 
 #include "core/module_registry.h"
@@ -25,5 +27,8 @@ Module::moduleConfig copySettings(modulePair& entry);
 void storeChangedValues(modulePair& entry, const Module::moduleConfig& before,
                         const Module::moduleConfig& changed);
 
+// The end-of-file restart of one module (prestop, stop, start with a copy of its settings),
+// as one transition; does nothing and returns false unless the daemon is running.
+bool restartModuleIfRunning(modulePair& entry);
 // Forgets which modules were started (tests).
 void resetRunStateForTesting();

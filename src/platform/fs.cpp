@@ -15,11 +15,13 @@ std::string hostPath(std::string_view devicePath) {
 }
 
 int open(const char* devicePath, int flags, mode_t mode) {
-    return ::open(hostPath(devicePath).c_str(), flags, mode);
+    // Nothing the daemon opens is meant for its children.
+    return ::open(hostPath(devicePath).c_str(), flags | O_CLOEXEC, mode);
 }
 
 FILE* fopen(const char* devicePath, const char* mode) {
-    return ::fopen(hostPath(devicePath).c_str(), mode);
+    std::string closeOnExec = std::string(mode) + "e";
+    return ::fopen(hostPath(devicePath).c_str(), closeOnExec.c_str());
 }
 
 DIR* opendir(const char* devicePath) { return ::opendir(hostPath(devicePath).c_str()); }

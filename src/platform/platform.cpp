@@ -1,5 +1,6 @@
 #include "platform/platform.h"
 
+#include <atomic>
 #include <cstdlib>
 #include <cstdio>
 
@@ -7,6 +8,7 @@ namespace vigild::platform {
 namespace {
 Platform gPlatform;
 bool gInstalled = false;
+std::atomic<SyncPointHandler> gSyncPoint{nullptr};
 } // namespace
 
 Platform& current() {
@@ -23,5 +25,11 @@ void install(const Platform& platform) {
 }
 
 bool installed() { return gInstalled; }
+
+void setSyncPointHandler(SyncPointHandler handler) { gSyncPoint.store(handler); }
+
+void syncPoint(const char* name) {
+    if (SyncPointHandler handler = gSyncPoint.load(std::memory_order_acquire)) handler(name);
+}
 
 } // namespace vigild::platform

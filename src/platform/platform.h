@@ -70,7 +70,8 @@ public:
     // Runs a shell command for its side effect only (system()); returns its status.
     virtual int runShell(const char* command) = 0;
     // pipe + fork + exec of the program at `devicePath` (argument zero is the device path),
-    // stdout and stderr on the pipe. The child must not log: it is a fork of a threaded
+    // stdout and stderr on the pipe, in a process group of its own (its pid) so that
+    // kill(-pid, ...) ends what it started too; no other descriptor of the daemon is inherited. The child must not log: it is a fork of a threaded
     // process. A failed pipe gives outputFd -1 and no child; a failed fork gives pid -1.
     virtual Child spawn(const char* devicePath) = 0;
     // waitpid(pid, status, options).
@@ -122,6 +123,12 @@ Platform& current();
 // install before starting threads.
 void install(const Platform& platform);
 bool installed();
+// Named points on the daemon's threads (where two threads may meet) at which a handler can
+// hold a thread, so that an interleaving can be replayed step by step. No handler: nothing.
+using SyncPointHandler = void (*)(const char* name);
+void setSyncPointHandler(SyncPointHandler handler);
+void syncPoint(const char* name);
+
 // Installs the backend this build was made with, for the daemon process (the host backend
 // reads its environment; "ctl.stop" of "vigild" ends the process as init would). On failure
 // fills `error` with a one-line message.

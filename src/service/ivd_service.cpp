@@ -204,6 +204,12 @@ std::string Bpvd_service::waitForResponse() { return stringReplyCall(WAIT_FOR_RE
 int Bpvd_service::sendConfig(const char* json) {
     Parcel data = request(SEND_CONFIG);
     writeString(data, json);
+    if (data.dataSize() > kMaxTransactionData) {
+        LOGE("sendConfig: the document takes %zu bytes in a parcel, more than the %zu one "
+             "transaction carries; not sent",
+             data.dataSize(), kMaxTransactionData);
+        return -1;
+    }
     return statusCall(SEND_CONFIG, data);
 }
 

@@ -3,7 +3,13 @@
 // (tools/protocol_doc), so the three cannot drift apart.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
+
+// The most parcel data one transaction carries: the host transport's frame limit, and within
+// the 1 MiB binder buffer a device process has. A larger request would be lost on the way
+// while its empty reply read as success.
+constexpr size_t kMaxTransactionData = 1048576;
 
 // Transaction codes. 9 to 17 are not used and must not be reused.
 enum Ivd_serviceCode : uint32_t {

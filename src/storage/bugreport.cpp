@@ -59,10 +59,26 @@ std::string readLastChunk(int fd, std::chrono::milliseconds deadline, bool* time
     return kept;
 }
 
-// Waits for the tool; `report` logs how it ended.
+// How long a tool that closed its output may take to exit before its group is killed.
+constexpr std::chrono::seconds kExitGrace{30};
+
+// Waits for the tool, at most kExitGrace of platform time, then ends its whole group;
+// `report` logs how it ended.
 void reapChild(pid_t pid, bool report) {
+    vigild::platform::Processes* processes = vigild::platform::current().processes;
     int status = 0;
-    if (vigild::platform::current().processes->wait(pid, &status, 0) != pid || !report) return;
+    pid_t reaped = processes->wait(pid, &status, WNOHANG);
+    for (auto waited = std::chrono::seconds{0}; reaped == 0 && waited < kExitGrace;
+         waited += kDeadlineStep) {
+        vigild::platform::current().clock->sleepFor(kDeadlineStep);
+        reaped = processes->wait(pid, &status, WNOHANG);
+    }
+    if (reaped == 0) {
+        LOGE("Tw Bugreport::bugreportz closed its output but did not exit, killing it");
+        processes->kill(-pid, SIGKILL);
+        reaped = processes->wait(pid, &status, 0);
+    }
+    if (reaped != pid || !report) return;
     if (!WIFEXITED(status)) {
         LOGE("bugreportz did not exit normally");
     } else {
@@ -96,8 +112,10 @@ void fileArchive(const std::string& path, Ivd_service& service) {
         root + (isTellwickSecureModeEnabled() ? kSecureLogFolder : kTellwickFolder) + name;
     std::string source = trim(path);
     if (!isToolArchive(source)) {
-        // Reported as a copy and a deletion that failed; nothing is touched.
+        // Reported as the copy would have: its source could not be opened, the copy and the
+        // deletion failed; nothing is touched.
         int error = errno;
+        LOGE("Error: Could not open source file: error == %s ", strerror(error));
         LOGE("Tw Bugreport::File copied failed");
         service.updateTwBugreportStatus(false);
         LOGE("Tw Bugreport::File deletion failed from src path ==  %s", strerror(error));
@@ -145,7 +163,8 @@ int bugreportPass(std::chrono::milliseconds deadline) {
     close(child.outputFd);
     if (timedOut && child.pid > 0) {
         LOGE("Tw Bugreport::bugreportz did not finish in time, killing it");
-        processes->kill(child.pid, SIGKILL);
+        // The group: what the tool started goes with it.
+        processes->kill(-child.pid, SIGKILL);
         output.clear();
     }
 

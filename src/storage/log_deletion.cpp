@@ -468,7 +468,7 @@ void deleteTwLogs() {
 void resetToDefault() {
     LOGD("resetToDefault::start");
     {
-        std::lock_guard<std::mutex> lock(configMutex);
+        vigild::Lock lock(configMutex);
         for (modulePair& pair : moduleRegistry) {
             for (Module::config& setting : pair.settings.configs) {
                 // A module's own default may fill its buffer without a terminator.
@@ -486,7 +486,7 @@ void resetToDefault() {
     if (n < 0 || static_cast<size_t>(n) >= sizeof(path)) {
         LOGE("resetToDefault::configuration path too long: %s", root.c_str());
     } else {
-        std::lock_guard<std::mutex> lock(configMutex);
+        vigild::Lock lock(configMutex);
         char* text = getConfig();
         saveFile(path, text);
         free(text);

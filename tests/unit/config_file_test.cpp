@@ -172,7 +172,7 @@ TEST_F(ConfigFileTest, ALoadOnOneThreadNeverSpoilsASaveOnAnother) {
     std::atomic<bool> done{false};
     std::thread saver([&] {
         for (int i = 0; i < 20; i++) {
-            std::lock_guard<std::mutex> lock(configMutex);
+            vigild::Lock lock(configMutex);
             saveFile(kConfigPath, (i % 2 ? b : a).c_str());
         }
         done = true;
@@ -287,7 +287,7 @@ TEST_F(ConfigServiceTest, LogPathsAreBroughtIntoTheStorageRoot) {
 
         updateConfigDefault(false);
         EXPECT_STREQ(setting(0, 1).value, c.expected);
-        EXPECT_EQ(restartAfterPathChange.load(), c.restart);
+        EXPECT_EQ(restartAfterPathChange, c.restart);
         EXPECT_EQ(p_.readFile(file) != "sentinel", c.saved);
         EXPECT_EQ(!service_->configs().empty(), c.saved);
     }

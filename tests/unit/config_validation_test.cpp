@@ -255,15 +255,13 @@ TEST_F(ConfigValidationTest, UpdateConfigCopiesChangedValuesByPositionAndMarksOn
         json_object_set_new(settingOf(d, "AlphaModule", 3), "value",
                             json_string(longValue.c_str()));
     });
-    updateConfig(changed.c_str());
+    EXPECT_EQ(updateConfig(changed.c_str()), 0);
     EXPECT_STREQ(setting(0, 1).value, "9");
     EXPECT_EQ(std::string(setting(0, 3).value), longValue.substr(0, VD_CONFIG_VALUE_SIZE - 1));
     EXPECT_EQ(moduleRegistry[0].restartNeeded, 1);
     EXPECT_EQ(moduleRegistry[1].restartNeeded, 0);
-    EXPECT_EQ(internalSdcardOnlyChanged, 0);
 
-    updateConfig(withValue("BetaModule", 1, "true").c_str());
-    EXPECT_EQ(internalSdcardOnlyChanged, 1);
+    EXPECT_EQ(updateConfig(withValue("BetaModule", 1, "true").c_str()), 1);
     EXPECT_EQ(moduleRegistry[1].restartNeeded, 1);
 }
 
@@ -397,7 +395,6 @@ TEST_F(ConfigApplyTest, ChangingInternalStorageMarksEveryEnabledModule) {
     setConfig(withValue("BetaModule", 1, "true").c_str());
     EXPECT_EQ(moduleRegistry[0].restartNeeded, 1);
     EXPECT_EQ(moduleRegistry[1].restartNeeded, 1);
-    EXPECT_EQ(internalSdcardOnlyChanged, 0);
 }
 
 TEST_F(ConfigApplyTest, RejectedDocumentFallsBackToDefaultsAndIsThenAppliedAsFarAsItFits) {
