@@ -221,10 +221,11 @@ void resetAndUpdateConfig() {
                 memcpy(c.value, c.defaultValue, sizeof(c.value));
         }
     }
-    std::string path = configFilePath(getDefaultDirectory());
+    const std::string root = getDefaultDirectory();
+    std::string path = configFilePath(root);
     {
         vigild::Lock lock(configMutex);
-        char* text = getConfig();
+        char* text = getConfig(root);
         saveFile(path.c_str(), text);
         free(text);
     }
@@ -350,7 +351,7 @@ void updateConfigDefault(bool force) {
     if (save) {
         {
             vigild::Lock lock(configMutex);
-            char* text = getConfig();
+            char* text = getConfig(root);
             if (!isFileExists(file)) mkdir_all((root + kTellwickFolder).c_str());
             if (text != nullptr) {
                 saveFile(file.c_str(), text);

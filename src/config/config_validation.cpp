@@ -292,9 +292,10 @@ void setConfig(const char* text) {
     if (rc != 0) {
         resetAndUpdateConfig();
         char* defaults = nullptr;
+        const std::string root = storageRootForDocument();
         {
             vigild::Lock lock(configMutex);
-            defaults = getConfig();
+            defaults = getConfig(root);
         }
         int defaultsRc = defaults != nullptr ? validateConfig(defaults) : -1;
         free(defaults);
@@ -329,7 +330,7 @@ void setConfig(const char* text) {
     updateConfigDefault(false);
     {
         vigild::Lock lock(configMutex);
-        char* document = getConfig();
+        char* document = getConfig(directory);
         if (document != nullptr) {
             saveFile(filePath.c_str(), document);
             free(document);

@@ -56,24 +56,21 @@ bool isPathSetting(const Module::config& setting) {
            strcasecmp(setting.type, "string") == 0;
 }
 
-void resetToModuleFolder(Module::config& setting, const char* moduleName) {
+void resetToModuleFolder(Module::config& setting, const char* moduleName, const std::string& root) {
     if (moduleName == nullptr || moduleName[0] == '\0') return;
     // The folder is built from the current root; a longer one is cut to fit the buffer.
     snprintf(setting.value, sizeof(setting.value), "%s",
-             returnCorrectedLogPath(moduleName).c_str());
+             returnCorrectedLogPath(moduleName, root).c_str());
 }
 
-// What the path checks of one build look up outside. The storage root and whether a folder
-// opens do not change while one document is built, and finding the root may ask the service
-// and look over the storage folders, so each is looked up once per build, not per setting.
+// What the path checks of one build look up outside. The storage root is resolved by the
+// caller before it takes configMutex (finding it may ask the service, run a shell command and
+// settle a layout, none of which may run under the lock); whether a folder opens is asked
+// once per build, not per setting.
 struct PathLookups {
-    std::optional<std::string> root;
+    const std::string& root;
     std::map<std::string, bool> opens;
 
-    const std::string& defaultDirectory() {
-        if (!root) root = getDefaultDirectory();
-        return *root;
-    }
     bool canOpen(const std::string& path) {
         auto known = opens.find(path);
         if (known != opens.end()) return known->second;
@@ -94,15 +91,15 @@ void checkPath(Module::config& setting, const char* moduleName, PathLookups& loo
 
     if (strcasecmp(subPath.c_str(), "UNKNOWN") == 0) {
         LOGD("vigild::getConfig::Log path is UNKNOWN, need to reset");
-        resetToModuleFolder(setting, moduleName);
+        resetToModuleFolder(setting, moduleName, lookups.root);
         return;
     }
     // A value that climbs out with ".." or hides characters passes the prefix test alone.
     const bool keep = isCleanLogPath(setting.value) && lookups.canOpen(subPath) &&
-                      strcasecmp(subPath.c_str(), lookups.defaultDirectory().c_str()) == 0;
+                      strcasecmp(subPath.c_str(), lookups.root.c_str()) == 0;
     if (!keep) {
         LOGD("vigild::getConfig::path %s not found", setting.value);
-        resetToModuleFolder(setting, moduleName);
+        resetToModuleFolder(setting, moduleName, lookups.root);
     }
 }
 
@@ -120,11 +117,23 @@ json_t* buildSetting(Module::config& setting, const char* moduleName, PathLookup
 
 }  // namespace
 
-char* getConfig() {
+std::string storageRootForDocument() {
+    // Names and types are fixed once the modules are initialised, so this needs no lock.
+    for (const modulePair& entry : moduleRegistry) {
+        for (const Module::config& setting : entry.settings.configs) {
+            if (isPathSetting(setting)) return getDefaultDirectory();
+        }
+    }
+    return std::string();
+}
+
+char* getConfig() { return getConfig(storageRootForDocument()); }
+
+char* getConfig(const std::string& root) {
     LOGD("getconfig:BEGIN");
     // The tree lives only inside this call: nothing is kept for another thread to free.
     json_t* document = json_object();
-    PathLookups lookups;
+    PathLookups lookups{root, {}};
     for (modulePair& entry : moduleRegistry) {
         const char* moduleName = entry.settings.moduleName;
         json_t* settings = json_array();
@@ -153,12 +162,17 @@ void sendConfig() {
         LOGE("Failed to obtain a handle on vd_service");
         return;
     }
+    const std::string root = storageRootForDocument();
+    char* text = nullptr;
     {
         vigild::Lock lock(configMutex);
-        if (char* text = getConfig()) {
-            service->sendConfig(text);
-            free(text);
-        }
+        text = getConfig(root);
+    }
+    // Sent after the lock is given back: a binder call may block for as long as the service
+    // likes, and the other threads must not wait on it.
+    if (text != nullptr) {
+        service->sendConfig(text);
+        free(text);
     }
     decrefJson();
     LOGD("sendConfig():END");

@@ -42,8 +42,9 @@ void sleepFor(std::chrono::milliseconds duration) {
 
 // Writes the configuration in force to `path`, under the lock so no change slips in between.
 void saveConfigTo(const std::string& path) {
+    const std::string root = storageRootForDocument();
     vigild::Lock lock(configMutex);
-    char* text = getConfig();
+    char* text = getConfig(root);
     if (text != nullptr) {
         saveFile(path.c_str(), text);
         free(text);
@@ -229,7 +230,7 @@ void watchConfig() {
         char* text = nullptr;
         {
             vigild::Lock lock(configMutex);
-            text = getConfig();
+            text = getConfig(root);
         }
         // setConfig writes the document back to the file and takes the lock itself.
         if (text != nullptr) {
@@ -264,7 +265,7 @@ void refreshConfigFileSecureMode() {
     char* text = nullptr;
     {
         vigild::Lock lock(configMutex);
-        text = getConfig();
+        text = getConfig(root);
         if (text == nullptr) return;
         saveFile(file.c_str(), text);
     }

@@ -63,11 +63,12 @@ std::string readLastChunk(int fd, std::chrono::milliseconds deadline, bool* time
 constexpr std::chrono::seconds kExitGrace{30};
 
 // Waits for the tool, at most kExitGrace of platform time, then ends its whole group;
-// `report` logs how it ended.
-void reapChild(pid_t pid, bool report) {
+// `report` logs how it ended. One that was `killed` already is waited for at once: SIGKILL
+// cannot be refused.
+void reapChild(pid_t pid, bool report, bool killed) {
     vigild::platform::Processes* processes = vigild::platform::current().processes;
     int status = 0;
-    pid_t reaped = processes->wait(pid, &status, WNOHANG);
+    pid_t reaped = processes->wait(pid, &status, killed ? 0 : WNOHANG);
     for (auto waited = std::chrono::seconds{0}; reaped == 0 && waited < kExitGrace;
          waited += kDeadlineStep) {
         vigild::platform::current().clock->sleepFor(kDeadlineStep);
@@ -175,7 +176,7 @@ int bugreportPass(std::chrono::milliseconds deadline) {
     if (service == nullptr) {
         LOGE("Failed to obtain a handle on vd_service");
         // Reaped quietly before the next report can start; the property stays set for the retry.
-        if (child.pid > 0) reapChild(child.pid, false);
+        if (child.pid > 0) reapChild(child.pid, false, timedOut);
         return kBugreportNoService;
     }
     if (path.empty()) {
@@ -185,7 +186,7 @@ int bugreportPass(std::chrono::milliseconds deadline) {
         fileArchive(path, *service);
     }
     setprop("persist.sys.vd.tw_bugreport", "false");
-    if (child.pid > 0) reapChild(child.pid, true);
+    if (child.pid > 0) reapChild(child.pid, true, timedOut);
     return kBugreportDone;
 }
 

@@ -487,7 +487,7 @@ void resetToDefault() {
         LOGE("resetToDefault::configuration path too long: %s", root.c_str());
     } else {
         vigild::Lock lock(configMutex);
-        char* text = getConfig();
+        char* text = getConfig(root);
         saveFile(path, text);
         free(text);
     }

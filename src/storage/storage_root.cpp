@@ -170,8 +170,11 @@ std::string getDefaultDirectory() {
 }
 
 std::string returnCorrectedLogPath(const std::string& moduleName) {
+    return returnCorrectedLogPath(moduleName, getDefaultDirectory());
+}
+
+std::string returnCorrectedLogPath(const std::string& moduleName, const std::string& root) {
     LOGD("utility::returnCorrectedLogPath module == %s", moduleName.c_str());
-    std::string root = getDefaultDirectory();
     const bool secure = isTellwickSecureModeEnabled();
     LOGD("utility::returnCorrectedLogPath::isTwSecureMode == %d", secure ? 1 : 0);
     const std::string prefix = secure ? kSecureLogFolder : kTellwickFolder;

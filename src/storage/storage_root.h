@@ -17,6 +17,8 @@ constexpr const char* kConfigFileName = "Tellwick/config.json";
 std::string getDefaultDirectory();
 // root + layout folder + the module's sub-folder.
 std::string returnCorrectedLogPath(const std::string& moduleName);
+// The same under a root the caller resolved already (so it can hold configMutex meanwhile).
+std::string returnCorrectedLogPath(const std::string& moduleName, const std::string& root);
 // First card folder under "/storage/" named like 1A2B-3C4D; `path` gets it without a
 // trailing "/".
 bool isExternalSDCardPresentAndReturnPath(std::string& path);
