@@ -120,16 +120,17 @@ int addFileObserver(std::string& internalPath, std::string& externalPath, int& f
 }
 
 namespace {
-// The mask of the first record of `buffer` that is not an IN_IGNORED, or of the first record
-// when all are.
-uint32_t firstFileEventMask(const char* buffer, size_t length) {
+// The mask of the first record of `buffer` that is a file event of a live watch (not an
+// IN_IGNORED), or of the first record when there is none.
+uint32_t firstFileEventMask(const char* buffer, size_t length, const int (&watches)[2]) {
     struct inotify_event event;
     memcpy(&event, buffer, kEventHeaderSize);
     const uint32_t firstMask = event.mask;
     for (size_t offset = 0; offset + kEventHeaderSize <= length;
          offset += kEventHeaderSize + event.len) {
         memcpy(&event, buffer + offset, kEventHeaderSize);
-        if ((event.mask & IN_IGNORED) == 0) return event.mask;
+        const bool live = event.wd > 0 && (event.wd == watches[0] || event.wd == watches[1]);
+        if (live && (event.mask & IN_IGNORED) == 0) return event.mask;
     }
     return firstMask;
 }
@@ -158,10 +159,11 @@ void watchConfigFileChange() {
             struct inotify_event first;
             memcpy(&first, buffer, kEventHeaderSize);
             size_t step = kEventHeaderSize + first.len;
-            // Except that the IN_IGNORED left by the last re-arm is no file event: a deletion
-            // queued behind it must still be seen, so the first record that is not one is
-            // the one looked at.
-            const uint32_t tested = firstFileEventMask(buffer, static_cast<size_t>(length));
+            // Except that what the last re-arm left behind (records of watches it removed,
+            // IN_IGNORED) is no file event: a deletion queued behind it must still be seen,
+            // so the first record of a live watch is the one looked at.
+            const uint32_t tested =
+                firstFileEventMask(buffer, static_cast<size_t>(length), watches);
             for (ssize_t offset = 0; offset < length; offset += step) {
                 if (((tested & 0xFFFF) & kReactionMask) == 0) continue;
                 matched = true;

@@ -241,6 +241,23 @@ TEST_F(FileWatchTest, ExternalFileWriteIsIgnoredAndDeletionReacts) {
     EXPECT_TRUE(p.exists(kCardFile));
 }
 
+TEST_F(FileWatchTest, ADeletionQueuedBehindTheLastReArmIsStillSeen) {
+    insertCard();
+    int reloadsAfterCard = -1;
+    runWatch(3, [&](int poll) {
+        if (poll == 1) {
+            unlink(p.hostPath(kCardFile).c_str());
+        } else {
+            // The re-arm after the card reaction left records of the watches it removed.
+            reloadsAfterCard = p.log().count(kReloadLine);
+            unlink(p.hostPath(kInternalFile).c_str());
+        }
+    });
+    EXPECT_GT(reloadsAfterCard, 0);
+    EXPECT_GT(p.log().count(kReloadLine), reloadsAfterCard);
+    EXPECT_TRUE(p.exists(kInternalFile));
+}
+
 TEST_F(FileWatchTest, RunningModulesAreFlaggedOnlyAfterAReaction) {
     startService();
     start();
