@@ -22,6 +22,7 @@
 #include "core/module_registry.h"
 #include "core/run_state.h"
 #include "platform/fs.h"
+#include "platform/platform.h"
 #include "service/ivd_service.h"
 #include "storage/storage_root.h"
 #include "storage/utility.h"
@@ -310,6 +311,7 @@ void setConfig(const char* text) {
 
     const int internalSdcardOnlyChanged = applyReceived(received.get());
     received.reset();
+    vigild::platform::syncPoint("setConfig.applied");
     moduleValConfig(1);
 
     if (internalSdcardOnlyChanged) {

@@ -11,6 +11,7 @@
 #include <thread>
 
 #include "core/daemon_state.h"
+#include "platform/platform.h"
 #include "core/debug_singleton.h"
 
 namespace vigild::testing {
@@ -248,6 +249,26 @@ bool finishesWithin(std::function<void()> fn, std::chrono::milliseconds timeout)
     }
     worker.detach();
     return false;
+}
+
+namespace {
+std::string gSyncName;
+std::function<void()> gSyncAction;
+} // namespace
+
+AtSyncPoint::AtSyncPoint(std::string name, std::function<void()> action) {
+    gSyncName = std::move(name);
+    gSyncAction = std::move(action);
+    vigild::platform::setSyncPointHandler(&AtSyncPoint::handle);
+}
+
+AtSyncPoint::~AtSyncPoint() {
+    vigild::platform::setSyncPointHandler(nullptr);
+    gSyncAction = nullptr;
+}
+
+void AtSyncPoint::handle(const char* name) {
+    if (gSyncName == name && gSyncAction) gSyncAction();
 }
 
 }  // namespace vigild::testing

@@ -144,4 +144,15 @@ private:
 // when it returned; otherwise it is detached and the test fails).
 bool finishesWithin(std::function<void()> fn, std::chrono::milliseconds timeout);
 
+// While alive, runs `action` (what another thread would do) each time the daemon reaches the
+// sync point `name`, so a race is replayed in one fixed order without sleeps.
+class AtSyncPoint {
+public:
+    AtSyncPoint(std::string name, std::function<void()> action);
+    ~AtSyncPoint();
+
+private:
+    static void handle(const char* name);
+};
+
 } // namespace vigild::testing

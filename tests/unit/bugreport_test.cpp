@@ -146,6 +146,8 @@ TEST_F(BugreportTest, ToolsWithoutAnArchiveAndAMissingToolReportFalse) {
 TEST_F(BugreportTest, MissingArchiveFailsTheCopyAndTheDeletion) {
     writeTool("echo 'OK:/bugreports/bugreport-gone.zip'");
     EXPECT_EQ(bugreportPass(), kBugreportDone);
+    EXPECT_TRUE(logged("Error: Could not open source file: error == No such file or directory ",
+                       kLogError));
     EXPECT_TRUE(logged("Tw Bugreport::File copied failed", kLogError));
     EXPECT_TRUE(
         logged("Tw Bugreport::File deletion failed from src path ==  No such file or directory",

@@ -14,6 +14,7 @@
 #include "core/daemon_state.h"
 #include "core/log.h"
 #include "core/module_registry.h"
+#include "core/run_state.h"
 #include "fakes/fake_module.h"
 #include "fakes/test_platform.h"
 
@@ -78,6 +79,17 @@ TEST_F(EofMonitorTest, EndOfFileOnEveryCallRestartsOncePerCycle) {
                       kLogInfo),
         3);
     EXPECT_EQ(runState.load(), kStateRunning);
+}
+
+TEST_F(EofMonitorTest, AStopThatComesFirstWinsOverTheRestart) {
+    add("LogcatModule");
+    runState = kStateRunning;
+    // The command thread's "stop:" lands between the end-of-file answer and the restart.
+    vigild::testing::AtSyncPoint command("monitorEOF.beforeRestart", [] { stop(); });
+    run(1);
+    EXPECT_EQ(journal.events(),
+              (Events{"LogcatModule:eof?", "LogcatModule:prestop", "LogcatModule:stop", "sleep"}));
+    EXPECT_EQ(runState.load(), kStateStopped);
 }
 
 TEST_F(EofMonitorTest, NotAskedWhileStopped) {

@@ -229,6 +229,18 @@ TEST_F(IvdServiceTest, StatusWordAndValueForms) {
     EXPECT_EQ(value, -1);
 }
 
+TEST_F(IvdServiceTest, ADocumentLargerThanOneTransactionIsRefusedNotLost) {
+    // One byte per word: a quarter of the limit in characters already fills it.
+    const std::string huge(kMaxTransactionData / 4, 'x');
+    EXPECT_EQ(proxy.sendConfig(huge.c_str()), -1);
+    EXPECT_TRUE(binder->codes.empty());
+    EXPECT_TRUE(platform.log().contains("sendConfig: the document takes 1048652 bytes in a parcel, "
+                                        "more than the 1048576 one transaction carries; not sent",
+                                        kLogError));
+    EXPECT_EQ(proxy.sendConfig("{}"), 0);
+    EXPECT_EQ(binder->codes, std::vector<uint32_t>{SEND_CONFIG});
+}
+
 TEST_F(IvdServiceTest, ForegroundApplicationStoresAtMostTwoStrings) {
     struct {
         int32_t count;

@@ -155,6 +155,31 @@ TEST_F(RunStateTest, RestartTouchesOnlyMarkedModules) {
     EXPECT_EQ(runState.load(), 1);
 }
 
+TEST_F(RunStateTest, AMarkSetDuringARestartWaitsForTheNextOne) {
+    modulePair& a = add("A");
+    modulePair& b = add("B");
+    start();
+    journal.clear();
+    a.restartNeeded = 1;
+    // The file watch marks B once this restart has decided whom to stop.
+    vigild::testing::AtSyncPoint watch("restartModules.marksTaken", [&] { b.restartNeeded = 1; });
+    restartModules();
+    EXPECT_EQ(journal.events(), (Events{"A:prestop", "A:stop", "A:start:1"}));
+    EXPECT_EQ(b.restartNeeded.load(), 1);
+}
+
+TEST_F(RunStateTest, StoringAJudgedCopyKeepsEveryFieldTheModuleChanged) {
+    modulePair& a = add("A");
+    a.settings.configs.push_back(vigild::testing::makeSetting("Level", "int", "1"));
+    Module::moduleConfig before = copySettings(a), judged = before;
+    // addConfigInt on an existing setting sets its default as well as its value.
+    strcpy(judged.configs[1].defaultValue, "5");
+    strcpy(judged.configs[1].value, "5");
+    storeChangedValues(a, before, judged);
+    EXPECT_STREQ(a.settings.configs[1].defaultValue, "5");
+    EXPECT_STREQ(a.settings.configs[1].value, "5");
+}
+
 TEST_F(RunStateTest, RestartStopsAModuleDisabledWhileRunning) {
     modulePair& a = add("A");
     modulePair& b = add("B", false);
