@@ -138,8 +138,7 @@ uint32_t firstFileEventMask(const char* buffer, size_t length, const int (&watch
 
 void watchConfigFileChange() {
     LOGD("watchConfigFileChange::start");
-    // Close-on-exec: the bug report tool and shell commands must not inherit the watch.
-    int fd = inotify_init1(IN_NONBLOCK | IN_CLOEXEC);
+    int fd = vigild::fs::inotifyInit();
     if (fd < 0) LOGE("watchConfigFileChange :: fd error ");
 
     std::string internalPath;

@@ -52,6 +52,11 @@ int rename(const char* fromDevicePath, const char* toDevicePath) {
     return ::rename(hostPath(fromDevicePath).c_str(), hostPath(toDevicePath).c_str());
 }
 
+int inotifyInit() {
+    // Close-on-exec: the bug report tool and shell commands must not inherit the watch.
+    return ::inotify_init1(IN_NONBLOCK | IN_CLOEXEC);
+}
+
 int inotifyAddWatch(int fd, const char* devicePath, uint32_t mask) {
     return ::inotify_add_watch(fd, hostPath(devicePath).c_str(), mask);
 }

@@ -27,6 +27,8 @@ int remove(const char* devicePath);
 int rmdir(const char* devicePath);
 int unlink(const char* devicePath);
 int rename(const char* fromDevicePath, const char* toDevicePath);
+// A non-blocking, close-on-exec inotify instance (no device path: nothing to map).
+int inotifyInit();
 int inotifyAddWatch(int fd, const char* devicePath, uint32_t mask);
 
 // True when the device path names a directory (stat, follows a final link).

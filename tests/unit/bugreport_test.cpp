@@ -7,15 +7,23 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <fcntl.h>
+
 #include <chrono>
 #include <cstring>
+#include <fstream>
+#include <iterator>
 #include <memory>
+#include <set>
+#include <sstream>
 #include <string>
 #include <vector>
 
 #include "core/daemon_state.h"
 #include "core/log.h"
 #include "core/module_registry.h"
+#include "platform/fs.h"
+#include "fakes/eventually.h"
 #include "fakes/fake_module.h"
 #include "fakes/test_platform.h"
 #include "standin/standin_service.h"
@@ -168,6 +176,43 @@ TEST_F(BugreportTest, HangingToolIsKilledAfterTheDeadlineOfPlatformTime) {
     EXPECT_TRUE(logged("Tw Bugreport::bugreport file is not present", kLogError));
     expectReported(0);
     EXPECT_FALSE(hasChildren());
+}
+
+TEST_F(BugreportTest, AToolInheritsNoDescriptorAndEndsWithWhatItStarted) {
+    // Descriptors the daemon holds while a tool runs.
+    p.writeFile("/sdcard/Tellwick/held", "x");
+    const int file = vigild::fs::open("/sdcard/Tellwick/held", O_RDONLY);
+    FILE* stream = vigild::fs::fopen("/sdcard/Tellwick/held", "r");
+    const int watch = vigild::fs::inotifyInit();
+    ASSERT_TRUE(file >= 0 && stream != nullptr && watch >= 0);
+    // Lists its descriptors, leaves a child behind, closes its output and stays.
+    const std::string closed = p.hostPath("/closed");
+    writeTool("ls /proc/$$/fd > " + p.hostPath("/fds") + "\nsleep 1000 >/dev/null 2>&1 &\necho $! > " +
+              p.hostPath("/grandchild") + "\nexec >&- 2>&-\ntouch " + closed + "\nexec sleep 1000");
+    // Platform time stands still until the tool has closed its output.
+    p.clock().onSleep([&](std::chrono::milliseconds) {
+        vigild::testing::eventually([&] { return access(closed.c_str(), F_OK) == 0; }, 10s);
+    });
+    ASSERT_TRUE(vigild::testing::finishesWithin([] { bugreportPass(); }, 10s));
+    EXPECT_TRUE(logged("Tw Bugreport::bugreportz closed its output but did not exit, killing it",
+                       kLogError));
+    EXPECT_FALSE(hasChildren());
+
+    std::istringstream listed(p.readFile("/fds"));
+    std::set<std::string> inherited{std::istream_iterator<std::string>(listed), {}};
+    for (int fd : {file, fileno(stream), watch}) EXPECT_EQ(inherited.count(std::to_string(fd)), 0u) << fd;
+    // Ended with the group: gone, or a zombie waiting for init.
+    const std::string stat = "/proc/" + std::to_string(std::stoi(p.readFile("/grandchild"))) + "/stat";
+    EXPECT_TRUE(vigild::testing::eventually(
+        [&] {
+            std::ifstream in(stat);
+            std::string pid, name, state;
+            return !(in >> pid >> name >> state) || state == "Z";
+        },
+        10s));
+    close(file);
+    fclose(stream);
+    close(watch);
 }
 
 TEST_F(BugreportTest, BrokenPipeOrForkLogsOnlyWhatHappened) {
