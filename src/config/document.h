@@ -18,11 +18,11 @@ extern vigild::Mutex configMutex;
 // path checks may need a fresh root; under the lock use the overload with a resolved root.
 char* getConfig();
 // The same with the storage root resolved by the caller before taking configMutex.
-char* getConfig(const std::string& root);
+char* getConfig(const std::string& root) REQUIRES(configMutex);
 // The root a build needs: resolved only when some module has a path setting ("" otherwise,
 // so a registry without one asks the storage nothing).
 std::string storageRootForDocument();
 // Releases what a build left behind (nothing: getConfig keeps no values).
 void decrefJson();
 // Builds the document under configMutex and sends it to the companion service.
-void sendConfig();
+void sendConfig() EXCLUDES(configMutex);

@@ -5,14 +5,15 @@
 #include <mutex>
 #include <vector>
 
+#include "core/thread_annotations.h"
 #include "platform/platform.h"
 
 namespace {
-std::mutex gMutex;
-debugSingleton* gInstance = nullptr;
+vigild::Mutex gMutex;
+debugSingleton* gInstance GUARDED_BY(gMutex) = nullptr;
 std::atomic<debugSingleton*> gReady{nullptr};
 // Instances dropped by tests stay reachable: another thread may still hold a reference.
-std::vector<std::unique_ptr<debugSingleton>>* gRetired = nullptr;
+std::vector<std::unique_ptr<debugSingleton>>* gRetired GUARDED_BY(gMutex) = nullptr;
 
 bool propertyIsTrue(const char* key) {
     char value[vigild::platform::kPropValueMax];
@@ -27,7 +28,7 @@ debugSingleton::debugSingleton()
 
 debugSingleton& debugSingleton::getInstance() {
     if (debugSingleton* ready = gReady.load(std::memory_order_acquire)) return *ready;
-    std::lock_guard<std::mutex> lock(gMutex);
+    vigild::Lock lock(gMutex);
     if (gInstance == nullptr) {
         gInstance = new debugSingleton();
         gReady.store(gInstance, std::memory_order_release);
@@ -36,7 +37,7 @@ debugSingleton& debugSingleton::getInstance() {
 }
 
 void debugSingleton::resetForTesting() {
-    std::lock_guard<std::mutex> lock(gMutex);
+    vigild::Lock lock(gMutex);
     if (gInstance != nullptr) {
         if (gRetired == nullptr) gRetired = new std::vector<std::unique_ptr<debugSingleton>>;
         gRetired->emplace_back(gInstance);

@@ -6,6 +6,7 @@
 #include <mutex>
 
 #include "core/log.h"
+#include "core/thread_annotations.h"
 #include "platform/platform.h"
 #include "storage/storage_root.h"
 #include "storage/utility.h"
@@ -15,10 +16,11 @@ namespace {
 constexpr const char* kModuleTimeProp = "persist.sys.vd.quick_tap_module_time";
 constexpr int kDefaultCombination = 22;
 
-std::mutex gTableMutex;
-std::vector<QuickTapKeyValuePair> gTable;
+// Leaf lock: nothing is called while holding it.
+vigild::Mutex gTableMutex;
+std::vector<QuickTapKeyValuePair> gTable GUARDED_BY(gTableMutex);
 
-void appendRowsLocked() {
+void appendRowsLocked() REQUIRES(gTableMutex) {
     static const char* const kNames[] = {
         "audio",
         "audio_battery",
@@ -81,7 +83,7 @@ int combinationNumber(const std::string& head, int fallback) {
         LOGE("QuickTap::module number out of range: %s", head.c_str());
         return fallback;
     }
-    std::lock_guard<std::mutex> lock(gTableMutex);
+    vigild::Lock lock(gTableMutex);
     if (gTable.empty()) appendRowsLocked();
     for (const QuickTapKeyValuePair& row : gTable) {
         if (row.key == head) return row.value;
@@ -119,7 +121,7 @@ int getQuickTapModFromProp() {
 }
 
 std::string returnQuickTapModuleKey(int number) {
-    std::lock_guard<std::mutex> lock(gTableMutex);
+    vigild::Lock lock(gTableMutex);
     if (gTable.empty()) appendRowsLocked();
     for (const QuickTapKeyValuePair& row : gTable) {
         if (row.value == number) return row.key;
@@ -128,7 +130,7 @@ std::string returnQuickTapModuleKey(int number) {
 }
 
 void createQuickTapKeyValue() {
-    std::lock_guard<std::mutex> lock(gTableMutex);
+    vigild::Lock lock(gTableMutex);
     appendRowsLocked();
 }
 
@@ -154,11 +156,11 @@ std::string copyQuickTapConfigFilePath() {
 }
 
 std::vector<QuickTapKeyValuePair> quickTapTable() {
-    std::lock_guard<std::mutex> lock(gTableMutex);
+    vigild::Lock lock(gTableMutex);
     return gTable;
 }
 
 void resetQuickTapForTesting() {
-    std::lock_guard<std::mutex> lock(gTableMutex);
+    vigild::Lock lock(gTableMutex);
     gTable.clear();
 }

@@ -13,6 +13,7 @@
 
 #include "core/log.h"
 #include "platform/fs.h"
+#include "core/thread_annotations.h"
 #include "platform/platform.h"
 #include "service/ivd_service.h"
 #include "storage/log_deletion.h"
@@ -25,11 +26,14 @@ constexpr const char* kInternalRoot = "/sdcard/";
 constexpr size_t kRootBufferSize = 128;
 
 // The buffers behind getDefaultDirectory. Several threads resolve the root at once (start-up,
-// command loop, file watch), so all three live under one lock and callers get a copy.
-std::mutex gRootMutex;
-char gStoragePath[kRootBufferSize];
-char gExternalRoot[kRootBufferSize];
-char gPropScratch[kRootBufferSize];
+// command loop, file watch), so all three live under one lock and callers get a copy. The
+// lock is held for a whole resolution, which by its steps may ask the service, run a shell
+// command and settle a layout (a tree deletion): two resolutions must not settle layouts at
+// once. So nothing may take it while holding configMutex: callers resolve the root first.
+vigild::Mutex gRootMutex;
+char gStoragePath[kRootBufferSize] GUARDED_BY(gRootMutex);
+char gExternalRoot[kRootBufferSize] GUARDED_BY(gRootMutex);
+char gPropScratch[kRootBufferSize] GUARDED_BY(gRootMutex);
 
 void setBuffer(char (&buffer)[kRootBufferSize], const char* text) {
     snprintf(buffer, sizeof(buffer), "%s", text);
@@ -89,7 +93,7 @@ bool isExternalSDCardPresentAndReturnPath(std::string& path) {
 }
 
 std::string getDefaultDirectory() {
-    std::lock_guard<std::mutex> lock(gRootMutex);
+    vigild::Lock lock(gRootMutex);
     LOGD("Utility::getDefaultDirectory::Start");
 
     getprop(gStoragePath, kStoragePathProp, "UNKNOWN");

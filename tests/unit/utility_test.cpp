@@ -271,7 +271,7 @@ TEST_F(UtilityTest, CopyFileRefusesBadSourcesAndReportsAShortCopy) {
         p.log().clear();
         bool copied = true;
         ASSERT_TRUE(vigild::testing::finishesWithin(
-            [&] { copied = copyFile(source, "/sdcard/out"); }, std::chrono::seconds(10)));
+            [&, source = source] { copied = copyFile(source, "/sdcard/out"); }, std::chrono::seconds(10)));
         EXPECT_FALSE(copied) << source;
         EXPECT_TRUE(p.log().contains(
             std::string("Error: Could not open source file: error == ") + error + " ", kLogError))
