@@ -72,6 +72,7 @@ void vd_service_handler() {
         if (service == nullptr) {
             LOGE("Failed to obtain a handle on vd_service");
             vigild::platform::current().clock->sleepFor(std::chrono::seconds(1));
+            serviceRetryPaused(std::chrono::seconds(1));
             LOGE("Waited trying to connect to service again");
             continue;
         }

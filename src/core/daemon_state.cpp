@@ -1,6 +1,8 @@
 #include "core/daemon_state.h"
 
+#include "core/module_loader.h"
 #include "core/module_registry.h"
+#include "service/ivd_service.h"
 
 std::atomic<int> runState{kStateStopped};
 std::atomic<int> exitRequested{0};
@@ -13,4 +15,6 @@ void resetDaemonStateForTesting() {
     exitRequested = 0;
     quickTapModeAtStart = 0;
     lastCommand.clear();
+    resetServiceReachabilityForTesting();
+    skippedLibraries().clear();
 }

@@ -27,6 +27,10 @@ Module* keepBuiltIn(std::unique_ptr<Module> module) {
     return builtIns->back().get();
 }
 
+void skip(const char* fileName, std::string reason) {
+    skippedLibraries().push_back({fileName, std::move(reason)});
+}
+
 // Loads one library of the folder and registers its module when it passes every test.
 void tryLibrary(const char* folder, const char* fileName) {
     auto& loader = *vigild::platform::current().loader;
@@ -36,8 +40,10 @@ void tryLibrary(const char* folder, const char* fileName) {
     snprintf(path, sizeof(path), "%s%s", folder, fileName);
     void* handle = loader.open(path, RTLD_LAZY);
     if (handle == nullptr) {
+        const char* error = orNull(loader.error());
         LOGE("name is %s", fileName);
-        LOGE("got an error %s", orNull(loader.error()));
+        LOGE("got an error %s", error);
+        skip(fileName, std::string("cannot be opened: ") + error);
         return;
     }
 
@@ -49,6 +55,7 @@ void tryLibrary(const char* folder, const char* fileName) {
     const char* error = loader.error();
     if (entry == nullptr || error != nullptr) {
         LOGE("got an error %s", orNull(error));
+        skip(fileName, "no getModule");
         return;
     }
 
@@ -56,6 +63,7 @@ void tryLibrary(const char* folder, const char* fileName) {
     Module* module = reinterpret_cast<getModuleFn>(entry)();
     if (module == nullptr) {
         LOGE("got an error %s", "getModule returned no module");
+        skip(fileName, "getModule returned no module");
         return;
     }
     const char* name = module->getName();
@@ -65,11 +73,15 @@ void tryLibrary(const char* folder, const char* fileName) {
             "Module: %s is using a different base version and cannot be loaded. Needed base "
             "version %sX.X, actual version %s",
             orNull(name), kBaseVersion, orNull(version));
+        skip(fileName, name == nullptr ? "no module name"
+                                       : std::string("version ") + orNull(version) +
+                                             " is not of base " + kBaseVersion);
         return;
     }
 
     if (module->shouldLoad() != 0) {
         LOGI("Module: %s is present but not loaded based off of the module determination", name);
+        skip(fileName, std::string(name) + ": shouldLoad() declined");
         return;
     }
     moduleRegistry.emplace_back(module);
@@ -78,11 +90,17 @@ void tryLibrary(const char* folder, const char* fileName) {
 
 }  // namespace
 
+std::vector<SkippedLibrary>& skippedLibraries() {
+    static auto* skipped = new std::vector<SkippedLibrary>;
+    return *skipped;
+}
+
 bool isBaseVersion(const char* version) {
     return version != nullptr && strncmp(version, kBaseVersion, strlen(kBaseVersion)) == 0;
 }
 
 int buildModuleRegistry(const char* folder) {
+    skippedLibraries().clear();
     moduleRegistry.emplace_back(keepBuiltIn(std::make_unique<VigildModule>()));
 
     DIR* dir = vigild::fs::opendir(folder);

@@ -12,11 +12,14 @@
 #include "core/eof_monitor.h"
 #include "core/log.h"
 #include "core/module_loader.h"
+#include "core/module_registry.h"
 #include "core/run_state.h"
 #include "platform/platform.h"
+#include "service/ivd_service.h"
 #include "storage/bugreport.h"
 #include "storage/storage_root.h"
 #include "storage/utility.h"
+#include "vigild_version.h"
 
 namespace {
 
@@ -31,6 +34,27 @@ void pause(std::chrono::milliseconds duration) {
 }
 
 }  // namespace
+
+void logStartupSummary(const std::string& storageRoot) {
+    std::string modules;
+    for (const modulePair& entry : moduleRegistry) {
+        const char* version = entry.module->getVersion();
+        modules += std::string(modules.empty() ? "" : ", ") + entry.settings.moduleName + " " +
+                   (version != nullptr ? version : "?");
+    }
+    std::string skipped;
+    for (const SkippedLibrary& library : skippedLibraries()) {
+        skipped += (skipped.empty() ? "" : ", ") + library.file + " (" + library.reason + ")";
+    }
+    const char* layout = isTellwickSecureModeEnabled() ? "secure" : "normal";
+    const char* medium = storageRoot == "/sdcard/" ? "internal" : "card";
+    LOGI(
+        "vigild %s started: device root %s, storage root %s (%s layout, %s), modules: %s; "
+        "skipped: %s; companion service: %s",
+        VIGILD_VERSION, vigild::platform::current().root->toHost("/").c_str(),
+        storageRoot.empty() ? "none" : storageRoot.c_str(), layout, medium, modules.c_str(),
+        skipped.empty() ? "none" : skipped.c_str(), serviceLookupPlace().c_str());
+}
 
 int duringBootCheckFileSystemAvailability(std::string path) {
     LOGI("vigild::duringBootCheckFileSystemAvailability::path == %s", path.c_str());
@@ -76,7 +100,8 @@ int bootDaemon(DaemonThreads& threads) {
     threads.monitorEOF = std::thread(monitorEOF);
 
     runState = kStateStopped;
-    loadConfigFile(configFilePath(getDefaultDirectory()).c_str());
+    const std::string storageRoot = getDefaultDirectory();
+    loadConfigFile(configFilePath(storageRoot).c_str());
 
     // Logging resumes after a reboot exactly when it was on before.
     char autostart[vigild::platform::kPropValueMax];
@@ -90,6 +115,7 @@ int bootDaemon(DaemonThreads& threads) {
     threads.watchConfig.join();
     threads.systemTimeCheker.join();
     threads.syncServiceState.join();
+    logStartupSummary(storageRoot);
     return kBootReady;
 }
 

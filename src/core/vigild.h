@@ -34,5 +34,8 @@ constexpr int kBootNoStorage = -1;       // ctl.stop requested: main exits with 
 // one-shot threads and the end-of-file monitor, configuration, auto-start. The one-shot
 // threads are joined on return; `monitorEOF` is left running.
 int bootDaemon(DaemonThreads& threads);
+// The one info line that says what this start-up came to: version, device root, storage root
+// and layout, the modules loaded and the libraries skipped, where the service is looked for.
+void logStartupSummary(const std::string& storageRoot);
 // Starts the file watch, the bug report worker and the command loop, and joins them all.
 void runDaemon(DaemonThreads& threads);

@@ -2,6 +2,7 @@
 
 #include <climits>
 #include <cstring>
+#include <mutex>
 #include <vector>
 
 #include "core/log.h"
@@ -118,22 +119,91 @@ sp<Ivd_service> Ivd_service::asInterface(const std::shared_ptr<vigild::platform:
     return std::make_shared<Bpvd_service>(binder);
 }
 
+std::string serviceLookupPlace() {
+    const vigild::platform::DeviceRoot& root = *vigild::platform::current().root;
+    // Only the host backend maps "/" elsewhere; its service manager is a folder of sockets.
+    if (root.toHost("/") == "/") return std::string("service manager entry ") + kServiceName;
+    return "socket " + root.toHost(std::string("/dev/binder/") + kServiceName);
+}
+
+namespace {
+
+// What has been said about reaching the service, so that an absent service costs a line and
+// then reminders at a falling rate, not a line per retry.
+struct Reachability {
+    std::mutex mutex;
+    enum { kUnknown, kConnected, kUnreachable } state = kUnknown;
+    std::chrono::milliseconds unreachableFor{0};
+    std::chrono::minutes nextReminder{1};
+};
+
+Reachability& reachability() {
+    static auto* r = new Reachability;
+    return *r;
+}
+
+void noteLookup(bool reached) {
+    Reachability& r = reachability();
+    std::lock_guard<std::mutex> lock(r.mutex);
+    if (reached) {
+        if (r.state != Reachability::kConnected) {
+            LOGI("vd_service connected (%s)", serviceLookupPlace().c_str());
+        }
+        r.state = Reachability::kConnected;
+        return;
+    }
+    if (r.state == Reachability::kUnreachable) return;
+    if (r.state == Reachability::kConnected) {
+        LOGI("vd_service lost; looking for it at %s", serviceLookupPlace().c_str());
+    } else {
+        LOGI("vd_service not reachable yet; looking for it at %s", serviceLookupPlace().c_str());
+    }
+    r.state = Reachability::kUnreachable;
+    r.unreachableFor = std::chrono::milliseconds{0};
+    r.nextReminder = std::chrono::minutes{1};
+}
+
+}  // namespace
+
+void serviceRetryPaused(std::chrono::milliseconds pause) {
+    Reachability& r = reachability();
+    std::lock_guard<std::mutex> lock(r.mutex);
+    if (r.state != Reachability::kUnreachable) return;
+    r.unreachableFor += pause;
+    if (r.unreachableFor < r.nextReminder) return;
+    LOGI("vd_service still not reachable after %lld min; looking for it at %s",
+         static_cast<long long>(r.nextReminder.count()), serviceLookupPlace().c_str());
+    r.nextReminder *= 2;
+}
+
+void resetServiceReachabilityForTesting() {
+    Reachability& r = reachability();
+    std::lock_guard<std::mutex> lock(r.mutex);
+    r.state = Reachability::kUnknown;
+    r.unreachableFor = std::chrono::milliseconds{0};
+    r.nextReminder = std::chrono::minutes{1};
+}
+
 sp<Ivd_service> Ivd_service::getInterface() {
     vigild::platform::ServiceManager* services = vigild::platform::current().serviceManager();
     if (services == nullptr) {
         LOGE("Failed to obtain a handle to the default Service Manager");
+        noteLookup(false);
         return nullptr;
     }
     std::shared_ptr<vigild::platform::Binder> binder = services->getService(kServiceName);
     if (binder == nullptr) {
         LOGE("Failed to obtain a handle to the vd_service");
+        noteLookup(false);
         return nullptr;
     }
     sp<Ivd_service> service = asInterface(binder);
     if (service == nullptr) {
         LOGE("Obtained invalid IBinder handle");
+        noteLookup(false);
         return nullptr;
     }
+    noteLookup(true);
     return service;
 }
 
@@ -205,9 +275,10 @@ int Bpvd_service::sendConfig(const char* json) {
     Parcel data = request(SEND_CONFIG);
     writeString(data, json);
     if (data.dataSize() > kMaxTransactionData) {
-        LOGE("sendConfig: the document takes %zu bytes in a parcel, more than the %zu one "
-             "transaction carries; not sent",
-             data.dataSize(), kMaxTransactionData);
+        LOGE(
+            "sendConfig: the document takes %zu bytes in a parcel, more than the %zu one "
+            "transaction carries; not sent",
+            data.dataSize(), kMaxTransactionData);
         return -1;
     }
     return statusCall(SEND_CONFIG, data);

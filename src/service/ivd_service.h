@@ -5,6 +5,7 @@
 // proxy afterwards, so a restarted service is found again. Any thread may do so at once.
 #pragma once
 
+#include <chrono>
 #include <memory>
 #include <string>
 
@@ -16,6 +17,15 @@ using sp = std::shared_ptr<T>;
 
 // The service's name in the service manager and the interface descriptor.
 constexpr const char* kServiceName = "com.tandril.vd.Ivd_service";
+
+// Where the daemon looks for the service, for log lines: the socket path on a host, the
+// service manager's entry on a device.
+std::string serviceLookupPlace();
+// The command loop's pause between failed lookups, so the "still not reachable" reminders
+// follow the daemon's own (scaled) time: after 1, 2, 4, 8... minutes without the service.
+void serviceRetryPaused(std::chrono::milliseconds pause);
+// Forgets what was logged about reachability (tests).
+void resetServiceReachabilityForTesting();
 
 class Ivd_service {
   public:

@@ -117,9 +117,9 @@ TEST_F(CommandLoopTest, EveryCommandOfTheTableRunsItsAction) {
         SCOPED_TRACE(c.command);
         c.before();
         service.clearRecords();
-        p.log().clear();
         sp<Ivd_service> proxy = Ivd_service::getInterface();
         ASSERT_NE(proxy, nullptr);
+        p.log().clear();
 
         dispatchCommand(c.command, *proxy);
 

@@ -16,6 +16,7 @@
 #include "modcheck/scratch_device.h"
 #include "platform/platform.h"
 #include "storage/utility.h"
+#include "vigild_version.h"
 
 namespace {
 
@@ -57,7 +58,9 @@ void printRefusals(const std::vector<std::string>& refusals) {
 
 int main(int argc, char** argv) {
     CLI::App app{"Checks vigild configuration files against a set of module libraries"};
-    app.require_subcommand(1);
+    app.set_version_flag("--version", std::string("vigild-config ") + VIGILD_VERSION);
+    // --version and --help answer without a subcommand.
+    app.require_subcommand(0, 1);
     std::string modules;
     std::vector<std::string> props;
     std::string file;
@@ -77,6 +80,10 @@ int main(int argc, char** argv) {
     } catch (const CLI::ParseError& e) {
         int rc = app.exit(e);
         return rc == 0 ? 0 : 2;
+    }
+    if (!check->parsed() && !defaults->parsed()) {
+        fprintf(stderr, "%s", app.help().c_str());
+        return 2;
     }
 
     std::string text;

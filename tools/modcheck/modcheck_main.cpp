@@ -13,6 +13,7 @@
 
 #include "modcheck/modcheck.h"
 #include "modcheck/scratch_device.h"
+#include "vigild_version.h"
 
 namespace {
 
@@ -82,6 +83,7 @@ int main(int argc, char** argv) {
     bool verbose = false;
     app.add_option("LIBRARY", libraries, "module libraries (lib_vd_<name>.so)")->required();
     app.add_flag("-v,--verbose", verbose, "also show the daemon's own log lines");
+    app.set_version_flag("--version", std::string("vigild-modcheck ") + VIGILD_VERSION);
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError& e) {

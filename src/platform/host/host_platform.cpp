@@ -1,5 +1,4 @@
 #include "platform/host/host_platform.h"
-#include "platform/posix_process.h"
 
 #include <android/log.h>
 #include <dlfcn.h>
@@ -11,12 +10,16 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cmath>
+#include <cstdint>
 #include <cstdlib>
 #include <cstring>
 #include <thread>
 #include <vector>
+
+#include "platform/posix_process.h"
 
 // Not declared by the host liblog headers, but exported by the library.
 extern "C" int32_t __android_log_set_minimum_priority(int32_t priority);
@@ -342,6 +345,21 @@ bool installFromEnvironment(std::string* error) {
         *error = "vigild: VIGILD_ROOT must be set to the absolute path of the device root";
         return false;
     }
+    // A root that is not there would only show as a storage wait that ends ten minutes later.
+    struct stat st;
+    if (::stat(root, &st) != 0) {
+        *error = std::string("vigild: VIGILD_ROOT ") + root + ": " + strerror(errno);
+        return false;
+    }
+    if (!S_ISDIR(st.st_mode)) {
+        *error = std::string("vigild: VIGILD_ROOT ") + root + ": not a directory";
+        return false;
+    }
+    if (::access(root, R_OK | X_OK) != 0) {
+        *error =
+            std::string("vigild: VIGILD_ROOT ") + root + ": cannot be read: " + strerror(errno);
+        return false;
+    }
     double scale = 1.0;
     if (const char* s = getenv("VIGILD_TIME_SCALE"); s != nullptr && s[0] != '\0') {
         char* end = nullptr;
@@ -357,6 +375,45 @@ bool installFromEnvironment(std::string* error) {
     }
     installForRoot(root, scale);
     return true;
+}
+
+namespace {
+
+size_t editDistance(std::string_view a, std::string_view b) {
+    std::vector<size_t> row(b.size() + 1);
+    for (size_t j = 0; j <= b.size(); j++) row[j] = j;
+    for (size_t i = 1; i <= a.size(); i++) {
+        size_t diagonal = row[0];
+        row[0] = i;
+        for (size_t j = 1; j <= b.size(); j++) {
+            size_t above = row[j];
+            row[j] = std::min({row[j] + 1, row[j - 1] + 1, diagonal + (a[i - 1] != b[j - 1])});
+            diagonal = above;
+        }
+    }
+    return row[b.size()];
+}
+
+}  // namespace
+
+std::vector<std::string> unknownVariableWarnings(char** environment) {
+    static constexpr std::string_view kKnown[] = {"VIGILD_ROOT", "VIGILD_TIME_SCALE"};
+    std::vector<std::string> warnings;
+    for (char** entry = environment; entry != nullptr && *entry != nullptr; entry++) {
+        std::string_view text(*entry);
+        std::string_view name = text.substr(0, text.find('='));
+        if (name.rfind("VIGILD_", 0) != 0) continue;
+        std::string_view nearest;
+        size_t best = SIZE_MAX;
+        for (std::string_view known : kKnown) {
+            size_t distance = editDistance(name, known);
+            if (distance < best) best = distance, nearest = known;
+        }
+        if (best == 0) continue;
+        warnings.push_back("vigild: unknown variable " + std::string(name) +
+                           " is ignored; did you mean " + std::string(nearest) + "?");
+    }
+    return warnings;
 }
 
 FileProperties* hostProperties() { return gBackend ? gBackend->properties.get() : nullptr; }

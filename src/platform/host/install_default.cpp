@@ -8,6 +8,10 @@ namespace vigild::platform {
 
 bool installDefault(std::string* error) {
     if (!host::installFromEnvironment(error)) return false;
+    // Warning priority: a misspelt variable silently falls back to its default.
+    for (const std::string& line : host::unknownVariableWarnings(environ)) {
+        current().log->write(5, "vigild", line.c_str());
+    }
     // There is no init on the host: the daemon ends itself when asked to stop.
     host::hostProperties()->onCtlStop([](const std::string& value) {
         if (value == "vigild") {
@@ -18,4 +22,4 @@ bool installDefault(std::string* error) {
     return true;
 }
 
-} // namespace vigild::platform
+}  // namespace vigild::platform
