@@ -1,5 +1,6 @@
 // The proxy against the stand-in service over a real socket in a temporary device root.
 #include <gtest/gtest.h>
+#include <jansson.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <unistd.h>
@@ -14,6 +15,7 @@
 #include "service/ivd_service.h"
 #include "service/parcel.h"
 #include "standin/standin_service.h"
+#include "standin/standin_view.h"
 
 namespace {
 
@@ -49,41 +51,72 @@ class StandinTest : public ::testing::Test {
     }
 };
 
-TEST_F(StandinTest, EveryReportingCallIsRecordedInOrder) {
+// Every reporting call is recorded in order and lands in the status a console shows.
+TEST_F(StandinTest, ReportsReachRecordsAndStatus) {
     auto proxy = connect();
     ASSERT_NE(proxy, nullptr);
-    EXPECT_EQ((std::vector<int>{proxy->sendConfig("{\"vigild\":[]}"), proxy->sendState(1),
-                                proxy->sendVersion("vigild", "14.0.15.19"),
-                                proxy->sendConfigErrorMessage("{\"errors\":[\"é\"]}"),
-                                proxy->enableNotification(true), proxy->startBTSnoop(),
-                                proxy->stopBTSnoop(), proxy->setTraceLevel(5),
-                                proxy->isBTSnooplogConfigChanged(false)}),
-              std::vector<int>(9, 0));
-    proxy->stopAmbientLight();
+    platform.writeFile("/dev/__properties__/persist.sys.vd.storage_path", "/storage/1A2B-3C4D/\n");
+    const char* document =
+        "{\"Tellwick Settings\":{\"settings\":[{\"name\":\"Enable Module\",\"type\":"
+        "\"boolean\",\"value\":\"true\",\"list\":[]}]},\"LogcatModule\":{\"settings\":[{"
+        "\"name\":\"Enable Module\",\"type\":\"boolean\",\"value\":\"false\",\"list\":[]}]}}";
     EXPECT_EQ(
-        (std::vector<int>{proxy->updateValidUserStatus(true), proxy->setQcMetaIdVersion("QC-7"),
-                          proxy->resetToDefault(), proxy->updateTwBugreportStatus(false)}),
-        std::vector<int>(4, 0));
+        (std::vector<int>{
+            proxy->sendVersion("vigild", "14.0.15.19"), proxy->sendVersion("LogcatModule", "1.0"),
+            proxy->sendVersion("LogcatModule", "1.1"), proxy->sendConfig(document),
+            proxy->sendState(2), proxy->sendState(1),
+            proxy->sendConfigErrorMessage("{\"errors\":[\"é\"]}"), proxy->enableNotification(true),
+            proxy->setTraceLevel(5), proxy->setQcMetaIdVersion("QC-7"), proxy->resetToDefault()}),
+        std::vector<int>(11, 0));
+    proxy->stopAmbientLight();
 
     std::vector<std::string> methods;
     for (const Record& r : service.records()) methods.push_back(r.method);
-    EXPECT_EQ(methods, (std::vector<std::string>{
-                           "sendConfig", "sendState", "sendVersion", "sendConfigErrorMessage",
-                           "enableNotification", "startBTSnoop", "stopBTSnoop", "setTraceLevel",
-                           "isBTSnooplogConfigChanged", "stopAmbientLight", "updateValidUserStatus",
-                           "setQcMetaIdVersion", "resetToDefault", "updateTwBugreportStatus"}));
-    EXPECT_EQ(service.configs(), std::vector<std::string>{"{\"vigild\":[]}"});
-    EXPECT_EQ(service.states(), std::vector<int>{1});
-    EXPECT_EQ(service.versions(),
-              (std::vector<std::pair<std::string, std::string>>{{"vigild", "14.0.15.19"}}));
+    EXPECT_EQ(methods,
+              (std::vector<std::string>{"sendVersion", "sendVersion", "sendVersion", "sendConfig",
+                                        "sendState", "sendState", "sendConfigErrorMessage",
+                                        "enableNotification", "setTraceLevel", "setQcMetaIdVersion",
+                                        "resetToDefault", "stopAmbientLight"}));
+    EXPECT_EQ(service.states(), (std::vector<int>{2, 1}));
+
+    const int64_t lastCall = service.summary().lastCallMillis;
+    json_error_t error;
+    json_t* status = json_loads(vdstandin::statusJson(service, lastCall + 1000).c_str(), 0, &error);
+    ASSERT_NE(status, nullptr) << error.text;
+    auto str = [&](const char* key) {
+        const char* v = json_string_value(json_object_get(status, key));
+        return v ? std::string(v) : "(not a string)";
+    };
+    EXPECT_EQ(str("state"), "running");
+    EXPECT_EQ(json_integer_value(json_object_get(status, "stateCode")), 1);
+    EXPECT_EQ(str("storageRoot"), "/storage/1A2B-3C4D/");
+    EXPECT_EQ(str("layout"), "normal");
+    EXPECT_EQ(str("daemonVersion"), "14.0.15.19");
     // UTF-8 goes out one byte per word and arrives intact.
-    EXPECT_EQ(service.errorMessages(), std::vector<std::string>{"{\"errors\":[\"é\"]}"});
-    EXPECT_EQ(service.notificationFlags(), std::vector<int>{1});
-    EXPECT_EQ(service.traceLevels(), std::vector<int>{5});
-    EXPECT_EQ(service.btSnoopFlags(), std::vector<int>{0});
-    EXPECT_EQ(service.validUserFlags(), std::vector<int>{1});
-    EXPECT_EQ(service.qcMetaIds(), std::vector<std::string>{"QC-7"});
-    EXPECT_EQ(service.bugreportStatuses(), std::vector<int>{0});
+    EXPECT_EQ(str("lastError"), "{\"errors\":[\"é\"]}");
+    EXPECT_TRUE(json_is_true(json_object_get(status, "connected")));
+    char* modules = json_dumps(json_object_get(status, "modules"), JSON_COMPACT);
+    EXPECT_STREQ(modules,
+                 "[{\"name\":\"Tellwick Settings\",\"version\":null,\"enabled\":true,"
+                 "\"running\":true},{\"name\":\"LogcatModule\",\"version\":\"1.1\","
+                 "\"enabled\":false,\"running\":false}]");
+    free(modules);
+    char* reports = json_dumps(json_object_get(status, "reports"), JSON_COMPACT | JSON_SORT_KEYS);
+    EXPECT_STREQ(reports,
+                 "{\"enableNotification\":[1],\"resetToDefault\":[],\"setQcMetaIdVersion\":"
+                 "[\"QC-7\"],\"setTraceLevel\":[5],\"stopAmbientLight\":[]}");
+    free(reports);
+    EXPECT_EQ(
+        json_integer_value(json_object_get(json_object_get(status, "device"), "sdcard-present")),
+        0);
+    EXPECT_TRUE(json_is_null(json_object_get(json_object_get(status, "device"), "state")));
+    json_decref(status);
+    // Quiet for longer than the window and nobody waiting: not connected.
+    status = json_loads(
+        vdstandin::statusJson(service, lastCall + vdstandin::kConnectedWindowMillis + 1).c_str(), 0,
+        nullptr);
+    EXPECT_TRUE(json_is_false(json_object_get(status, "connected")));
+    json_decref(status);
 }
 
 TEST_F(StandinTest, DeviceQuestionsAreAnsweredFromTheSettings) {
@@ -158,10 +191,10 @@ TEST_F(StandinTest, GetStateFollowsTheLastStateUnlessOverridden) {
 
 TEST_F(StandinTest, QueuedCommandsAndDocumentsReachTheDaemon) {
     std::mutex traceMutex;
-    std::vector<std::string> trace;
-    service.setTrace([&](const std::string& line) {
+    std::vector<vdstandin::TraceEvent> trace;
+    service.addTraceListener([&](const vdstandin::TraceEvent& e) {
         std::lock_guard<std::mutex> lock(traceMutex);
-        trace.push_back(line);
+        trace.push_back(e);
     });
     auto waiter = connect();
     ASSERT_NE(waiter, nullptr);
@@ -180,11 +213,27 @@ TEST_F(StandinTest, QueuedCommandsAndDocumentsReachTheDaemon) {
     EXPECT_EQ(command, "config_set:");
     EXPECT_EQ(waiter->receiveConfig(), "{\"a\":1}");
     EXPECT_EQ(service.waitingForCommand(), 0);
-    // One decoded line per transaction; a taken command is shown as the answer only.
+    // One event per transaction, numbered in the order answered; the taken command is the
+    // waiter's reply, not an argument.
     std::lock_guard<std::mutex> lock(traceMutex);
-    EXPECT_EQ(trace, (std::vector<std::string>{"sendState(1)", "receiveConfig() -> \"\"",
-                                               "waitForResponse() -> \"config_set:\"",
-                                               "receiveConfig() -> \"{\\\"a\\\":1}\""}));
+    std::vector<std::string> lines;
+    for (const auto& e : trace) {
+        lines.push_back(std::to_string(e.seq) + " " + e.name + " " + e.replySummary);
+    }
+    EXPECT_EQ(lines, (std::vector<std::string>{
+                         "1 sendState ", "2 receiveConfig ",
+                         "3 waitForResponse config_set:", "4 receiveConfig {\"a\":1}"}));
+    ASSERT_EQ(trace.size(), 4u);
+    EXPECT_EQ(service.recentTrace(2).front().seq, 3u);
+    const std::string json = vdstandin::traceEventJson(trace[0], true);
+    for (const char* part :
+         {"\"name\":\"sendState\"", "\"direction\":\"report\"", "\"args\":[1]", "\"code\":4"}) {
+        EXPECT_NE(json.find(part), std::string::npos) << part << " in " << json;
+    }
+    EXPECT_NE(vdstandin::traceEventJson(trace[2], false).find("\"direction\":\"query\""),
+              std::string::npos);
+    EXPECT_NE(vdstandin::traceEventText(trace[2]).find("<- waitForResponse[1]() = \"config_set:\""),
+              std::string::npos);
 }
 
 TEST_F(StandinTest, StopReleasesABlockedWaiterAsADeadPeer) {

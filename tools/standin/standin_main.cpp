@@ -39,6 +39,7 @@
 
 #include "platform/host/host_platform.h"
 #include "standin/standin_service.h"
+#include "standin/standin_view.h"
 
 namespace {
 
@@ -179,48 +180,6 @@ std::string settingNames() {
 
 // ---- serving side ----
 
-std::string statusText(const StandinService& service) {
-    std::ostringstream out;
-    auto states = service.states();
-    if (states.empty()) {
-        out << "state:          none reported\n";
-    } else {
-        out << "state:          " << stateName(states.back()) << " (" << states.back() << ")\n";
-    }
-    // Each fresh_connect reports every version again: show the latest per component.
-    std::vector<std::pair<std::string, std::string>> versions;
-    for (const auto& [name, version] : service.versions()) {
-        auto same = std::find_if(versions.begin(), versions.end(),
-                                 [&wanted = name](const auto& v) { return v.first == wanted; });
-        if (same == versions.end()) {
-            versions.emplace_back(name, version);
-        } else {
-            same->second = version;
-        }
-    }
-    out << "versions:       " << (versions.empty() ? "none reported" : "") << "\n";
-    for (const auto& [name, version] : versions) out << "  " << name << " " << version << "\n";
-    auto lastInt = [](const std::vector<int>& v) {
-        return v.empty() ? std::string("-") : std::to_string(v.back());
-    };
-    out << "notifications:  " << lastInt(service.notificationFlags()) << "\n";
-    out << "bt snoop:       " << lastInt(service.btSnoopFlags()) << "\n";
-    out << "valid user:     " << lastInt(service.validUserFlags()) << "\n";
-    out << "bug report:     " << lastInt(service.bugreportStatuses()) << "\n";
-    out << "trace level:    " << lastInt(service.traceLevels()) << "\n";
-    auto qc = service.qcMetaIds();
-    out << "qc meta id:     " << (qc.empty() ? "-" : qc.back()) << "\n";
-    out << "waiting:        " << service.waitingForCommand() << " caller(s) in waitForResponse\n";
-    auto configs = service.configs();
-    out << "configuration:  " << (configs.empty() ? "none received" : configs.back()) << "\n";
-    auto errors = service.errorMessages();
-    out << "errors:         " << (errors.empty() ? "none received" : errors.back()) << "\n";
-    out << "device answers:\n";
-    DeviceAnswers answers = service.answers();
-    for (const Setting& s : settings()) out << "  " << s.name << " = " << s.get(answers) << "\n";
-    return out.str();
-}
-
 class ControlServer {
   public:
     ControlServer(StandinService& service, std::string path)
@@ -310,7 +269,7 @@ class ControlServer {
             service_.queueCommand("config_set:");
             return "ok\nqueued config_set: with " + std::to_string(payload.size()) + " bytes\n";
         }
-        if (verb == "status") return "ok\n" + statusText(service_);
+        if (verb == "status") return "ok\n" + vdstandin::statusText(service_);
         if (verb == "set") {
             size_t blank = args.find(' ');
             std::string key = args.substr(0, blank);
@@ -376,7 +335,9 @@ int serve(const std::string& root, bool verbose) {
 
     StandinService service(root);
     if (verbose) {
-        service.setTrace([](const std::string& line) { std::cout << line << std::endl; });
+        service.addTraceListener([](const vdstandin::TraceEvent& e) {
+            std::cout << vdstandin::traceEventText(e) << std::endl;
+        });
     }
     if (!service.start()) {
         std::cerr << "vd-standin: cannot serve at " << root << "/dev/binder/: " << strerror(errno)

@@ -7,14 +7,16 @@
 #include <sys/un.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <atomic>
 #include <cerrno>
 #include <cstring>
 #include <list>
-#include <sstream>
 
 #include "platform/host/host_platform.h"
 #include "service/ivd_service.h"
 #include "service/parcel.h"
+#include "service/protocol.h"
 
 namespace vdstandin {
 
@@ -26,85 +28,17 @@ namespace {
 // How often a caller parked in waitForResponse checks that its peer is still there.
 constexpr std::chrono::milliseconds kPeerCheck{200};
 
-const char* methodName(uint32_t code) {
-    switch (code) {
-        case WAIT_FOR_RESPONSE:
-            return "waitForResponse";
-        case SEND_CONFIG:
-            return "sendConfig";
-        case RECEIVE_CONFIG:
-            return "receiveConfig";
-        case SEND_STATE:
-            return "sendState";
-        case SEND_VERSION:
-            return "sendVersion";
-        case SEND_CONFIG_ERROR_MESSAGE:
-            return "sendConfigErrorMessage";
-        case ENABLE_NOTIFICATION:
-            return "enableNotification";
-        case GET_STATE:
-            return "getState";
-        case START_BT_SNOOP:
-            return "startBTSnoop";
-        case STOP_BT_SNOOP:
-            return "stopBTSnoop";
-        case SET_TRACE_LEVEL:
-            return "setTraceLevel";
-        case IS_BT_SNOOPLOG_CONFIG_CHANGED:
-            return "isBTSnooplogConfigChanged";
-        case BLUETOOTH_IS_ENABLED:
-            return "bluetoothIsEnabled";
-        case BLUETOOTH_IS_DISCOVERABLE:
-            return "bluetoothIsDiscoverable";
-        case BLUETOOTH_IS_CONNECTED:
-            return "bluetoothIsConnected";
-        case AMBIENT_LIGHT:
-            return "ambientLight";
-        case STOP_AMBIENT_LIGHT:
-            return "stopAmbientLight";
-        case WAN_SIGNAL_STRENGTH:
-            return "wanSignalStrength";
-        case FOREGROUND_APPLICATION:
-            return "foregroundApplication";
-        case SERIAL_NUMBER:
-            return "serialNumber";
-        case MODEL_NUMBER:
-            return "modelNumber";
-        case BSP_NUMBER:
-            return "bspNumber";
-        case WIFI_SIGNAL_STRENGTH:
-            return "wifiSignalStrength";
-        case DHCP:
-            return "dhcp";
-        case GATEWAY:
-            return "gateway";
-        case GET_DEFAULT_DIR_PATH:
-            return "getDefaultDirPath";
-        case IS_SDCARD_PRESENT:
-            return "isSDcardPresent";
-        case GET_SDCARD_PATH:
-            return "getSDcardPath";
-        case GET_TELLWICK_VERSION:
-            return "getTellwickVersion";
-        case IS_USER_VALID_TO_DEPLOY:
-            return "isUserValidToDeploy";
-        case UPDATE_VALID_USER_STATUS:
-            return "updateValidUserStatus";
-        case GET_QC_META_ID_VERSION:
-            return "getQcMetaIdVersion";
-        case SET_QC_META_ID_VERSION:
-            return "setQcMetaIdVersion";
-        case RESET_TO_DEFAULT:
-            return "resetToDefault";
-        case DELETE_TW_LOGS:
-            return "deleteTwLogs";
-        case GET_DELETE_LOGS_PARAM:
-            return "getDeleteLogsParam";
-        case UPDATE_TW_BUGREPORT_STATUS:
-            return "updateTwBugreportStatus";
-        default:
-            return nullptr;
+const vigild::protocol::Transaction* transaction(uint32_t code) {
+    for (const auto& t : vigild::protocol::kTransactions) {
+        if (t.code == code) return &t;
     }
+    return nullptr;
+}
+
+int64_t nowMillis() {
+    return std::chrono::duration_cast<std::chrono::milliseconds>(
+               std::chrono::system_clock::now().time_since_epoch())
+        .count();
 }
 
 // The daemon's strings: int32 n, then n words of one byte each. False when the words
@@ -146,43 +80,6 @@ void writeCountedString(Parcel& reply, const std::string& text) {
     reply.write(bytes.data(), bytes.size());
 }
 
-std::string quoted(const std::string& text) {
-    std::string out = "\"";
-    for (char c : text) {
-        if (c == '"' || c == '\\') {
-            out += '\\';
-            out += c;
-        } else if (c == '\n') {
-            out += "\\n";
-        } else if (static_cast<unsigned char>(c) < 0x20) {
-            char hex[8];
-            snprintf(hex, sizeof(hex), "\\x%02x", static_cast<unsigned char>(c));
-            out += hex;
-        } else {
-            out += c;
-        }
-    }
-    return out + "\"";
-}
-
-std::string describe(const Record& record, const std::string& answer) {
-    std::string line = record.method + "(";
-    bool first = true;
-    // The command a waiter took is its answer, not an argument.
-    const bool taken = record.code == WAIT_FOR_RESPONSE;
-    for (const auto& s : taken ? std::vector<std::string>() : record.strings) {
-        line += (first ? "" : ", ") + quoted(s);
-        first = false;
-    }
-    for (int32_t i : record.ints) {
-        line += (first ? "" : ", ") + std::to_string(i);
-        first = false;
-    }
-    line += ")";
-    if (!answer.empty()) line += " -> " + answer;
-    return line;
-}
-
 }  // namespace
 
 struct StandinService::Impl {
@@ -191,9 +88,12 @@ struct StandinService::Impl {
         std::thread thread;
         std::atomic<bool> done{false};
     };
+    using Listener = std::function<void(const TraceEvent&)>;
 
     std::string root;
     std::string socketPath;
+    vigild::platform::host::HostRoot hostRoot;
+    vigild::platform::host::FileProperties properties{&hostRoot};
 
     mutable std::mutex mutex;
     std::condition_variable changed;  // a command queued, a record added, or stopping
@@ -202,9 +102,19 @@ struct StandinService::Impl {
     int waiting = 0;
     bool stopping = false;
     DeviceAnswers answers;
+    bool keepRecords = true;
     std::vector<Record> records;
     int lastState = 0;
-    std::function<void(const std::string&)> trace;
+    Summary summary;  // without waiting and answers, filled in when asked
+    uint64_t seq = 0;
+    std::deque<TraceEvent> ring;
+    size_t ringBytes = 0;
+    uint64_t nextListener = 1;
+    std::map<uint64_t, std::shared_ptr<Listener>> listeners;
+    // Held while listeners run, so events reach them in seq order and a removed listener is
+    // known to have finished.
+    std::mutex deliver;
+    std::atomic<std::thread::id> deliveringThread;
 
     std::atomic<bool> running{false};
     int listenFd = -1;
@@ -213,26 +123,85 @@ struct StandinService::Impl {
     std::mutex connectionsMutex;
     std::list<std::unique_ptr<Connection>> connections;
 
+    explicit Impl(const std::string& deviceRoot) : root(deviceRoot), hostRoot(deviceRoot) {}
+
     void acceptLoop();
     void serve(Connection* connection);
     // False when the connection must close without a reply.
-    bool handle(int fd, uint32_t code, std::vector<uint8_t> request, int32_t* status,
-                Parcel* reply);
+    bool handle(int fd, uint32_t code, const std::vector<uint8_t>& request, int32_t* status,
+                Parcel* reply, std::string* summary, Record* decoded);
     bool takeCommand(int fd, std::string* command);
-    void record(Record record, const std::string& answer);
+    void publish(TraceEvent event);
     void reapFinished();
 };
 
-void StandinService::Impl::record(Record rec, const std::string& answer) {
-    std::function<void(const std::string&)> traceCopy;
+void StandinService::Impl::publish(TraceEvent event) {
+    std::lock_guard<std::mutex> order(deliver);
+    deliveringThread = std::this_thread::get_id();
+    std::vector<std::shared_ptr<Listener>> targets;
     {
         std::lock_guard<std::mutex> lock(mutex);
-        if (rec.code == SEND_STATE && !rec.ints.empty()) lastState = rec.ints[0];
-        traceCopy = trace;
-        if (traceCopy) traceCopy(describe(rec, answer));
-        records.push_back(std::move(rec));
+        event.seq = ++seq;
+        const Record& rec = event.decoded;
+        const bool refused = event.status != 0 || event.replySummary.rfind("exception: ", 0) == 0;
+        if (!refused) {
+            auto first = [&rec]() { return rec.strings.empty() ? std::string() : rec.strings[0]; };
+            switch (rec.code) {
+                case SEND_STATE:
+                    if (!rec.ints.empty()) lastState = rec.ints[0];
+                    summary.state = lastState;
+                    break;
+                case SEND_CONFIG:
+                    summary.document = first();
+                    break;
+                case SEND_CONFIG_ERROR_MESSAGE:
+                    summary.lastError = first();
+                    break;
+                case SEND_VERSION: {
+                    if (rec.strings.size() != 2) break;
+                    auto& v = summary.versions;
+                    auto same = std::find_if(v.begin(), v.end(), [&rec](const auto& entry) {
+                        return entry.first == rec.strings[0];
+                    });
+                    if (same == v.end()) {
+                        v.emplace_back(rec.strings[0], rec.strings[1]);
+                    } else {
+                        same->second = rec.strings[1];
+                    }
+                    break;
+                }
+                default:
+                    if (const auto* t = transaction(rec.code);
+                        t != nullptr && t->reply == vigild::protocol::Reply::None) {
+                        summary.lastReports[rec.method] = rec;
+                    }
+                    break;
+            }
+        }
+        summary.lastSeq = event.seq;
+        if (keepRecords && event.status == 0) {
+            Record legacy = rec;
+            if (rec.code == WAIT_FOR_RESPONSE && !refused) legacy.strings = {event.replySummary};
+            if (refused) legacy.method += " (refused)";
+            records.push_back(std::move(legacy));
+        }
+        for (const auto& [id, listener] : listeners) targets.push_back(listener);
+        ring.push_back(event);
+        ringBytes += event.request.size() + event.reply.size();
+        if (ring.size() > StandinService::kTraceRing) {
+            ringBytes -= ring.front().request.size() + ring.front().reply.size();
+            ring.pop_front();
+        }
+        for (auto it = ring.begin(); ringBytes > StandinService::kTraceBytes && it != ring.end();
+             ++it) {
+            ringBytes -= it->request.size() + it->reply.size();
+            it->request = {};
+            it->reply = {};
+        }
     }
     changed.notify_all();
+    for (const auto& listener : targets) (*listener)(event);
+    deliveringThread = std::thread::id();
 }
 
 bool StandinService::Impl::takeCommand(int fd, std::string* command) {
@@ -253,28 +222,24 @@ bool StandinService::Impl::takeCommand(int fd, std::string* command) {
     return true;
 }
 
-bool StandinService::Impl::handle(int fd, uint32_t code, std::vector<uint8_t> request,
-                                  int32_t* status, Parcel* reply) {
+bool StandinService::Impl::handle(int fd, uint32_t code, const std::vector<uint8_t>& request,
+                                  int32_t* status, Parcel* reply, std::string* answer,
+                                  Record* decoded) {
     *status = 0;
-    const char* name = methodName(code);
-    if (name == nullptr) {
+    Record& rec = *decoded;
+    rec.code = code;
+    const vigild::protocol::Transaction* known = transaction(code);
+    if (known == nullptr) {
         *status = vigild::platform::host::kUnknownTransaction;
-        std::function<void(const std::string&)> traceCopy;
-        {
-            std::lock_guard<std::mutex> lock(mutex);
-            traceCopy = trace;
-        }
-        if (traceCopy) traceCopy("unknown transaction " + std::to_string(code));
+        rec.method = "unknown";
+        *answer = "unknown transaction";
         return true;
     }
-    Parcel data(std::move(request));
-    Record rec;
-    rec.code = code;
-    rec.method = name;
+    Parcel data(request);
+    rec.method = known->method;
     if (!data.enforceInterface(Ivd_service::getInterfaceDescriptor())) {
         reply->writeException(Parcel::kExSecurity, u"Binder invocation to an incorrect interface");
-        rec.method += " (bad interface token)";
-        record(std::move(rec), "exception");
+        *answer = "exception: bad interface token";
         return true;
     }
 
@@ -325,8 +290,7 @@ bool StandinService::Impl::handle(int fd, uint32_t code, std::vector<uint8_t> re
     }
     if (badArguments) {
         reply->writeException(Parcel::kExIllegalArgument, u"Malformed request");
-        rec.method += " (malformed)";
-        record(std::move(rec), "exception");
+        *answer = "exception: malformed request";
         return true;
     }
 
@@ -335,8 +299,7 @@ bool StandinService::Impl::handle(int fd, uint32_t code, std::vector<uint8_t> re
         if (!takeCommand(fd, &command)) return false;
         reply->writeNoException();
         writeByteString16(*reply, command);
-        rec.strings.push_back(command);
-        record(std::move(rec), quoted(command));
+        *answer = command;
         return true;
     }
 
@@ -352,31 +315,30 @@ bool StandinService::Impl::handle(int fd, uint32_t code, std::vector<uint8_t> re
             documents.pop_front();
         }
     }
-    std::string answer;
     auto valueReply = [&](int32_t value) {
         reply->writeNoException();
         reply->writeInt32(value);
-        answer = std::to_string(value);
+        *answer = std::to_string(value);
     };
     auto stringOutReply = [&](const std::string& text) {
         reply->writeNoException();
         reply->writeInt32(0);  // status
         reply->writeInt32(1);  // count
         writeCountedString(*reply, text);
-        answer = quoted(text);
+        *answer = text;
     };
     auto intOutReply = [&](int32_t value) {
         reply->writeNoException();
         reply->writeInt32(0);
         reply->writeInt32(1);
         reply->writeInt32(value);
-        answer = std::to_string(value);
+        *answer = std::to_string(value);
     };
     switch (code) {
         case RECEIVE_CONFIG:
             reply->writeNoException();
             writeByteString16(*reply, document);
-            answer = quoted(document);
+            *answer = document;
             break;
         case GET_STATE:
             valueReply(a.stateOverride.value_or(state));
@@ -411,7 +373,7 @@ bool StandinService::Impl::handle(int fd, uint32_t code, std::vector<uint8_t> re
             reply->writeInt32(2);
             writeCountedString(*reply, a.foregroundApplication[0]);
             writeCountedString(*reply, a.foregroundApplication[1]);
-            answer = quoted(a.foregroundApplication[0]) + ", " + quoted(a.foregroundApplication[1]);
+            *answer = a.foregroundApplication[0] + ", " + a.foregroundApplication[1];
             break;
         case SERIAL_NUMBER:
             stringOutReply(a.serialNumber);
@@ -450,7 +412,6 @@ bool StandinService::Impl::handle(int fd, uint32_t code, std::vector<uint8_t> re
             reply->writeNoException();  // the calls that only report
             break;
     }
-    record(std::move(rec), answer);
     return true;
 }
 
@@ -464,15 +425,28 @@ void StandinService::Impl::serve(Connection* connection) {
                    static_cast<uint32_t>(header[at + 2]) << 16 |
                    static_cast<uint32_t>(header[at + 3]) << 24;
         };
-        const uint32_t code = u32(0);
+        TraceEvent event;
+        event.unixMillis = nowMillis();
+        {
+            std::lock_guard<std::mutex> lock(mutex);
+            summary.lastCallMillis = event.unixMillis;
+        }
+        event.code = u32(0);
         const uint32_t size = u32(8);
         if (size > kMaxFrameSize) break;
-        std::vector<uint8_t> request(size);
-        if (size > 0 && !vigild::platform::host::readAll(fd, request.data(), size)) break;
+        event.request.resize(size);
+        if (size > 0 && !vigild::platform::host::readAll(fd, event.request.data(), size)) break;
 
         int32_t status = 0;
         Parcel reply;
-        if (!handle(fd, code, std::move(request), &status, &reply)) break;
+        if (!handle(fd, event.code, event.request, &status, &reply, &event.replySummary,
+                    &event.decoded)) {
+            break;
+        }
+        event.name = event.decoded.method;
+        event.status = status;
+        event.reply = reply.data();
+        publish(std::move(event));
         Parcel frame;
         frame.writeInt32(status);
         frame.writeInt32(static_cast<int32_t>(reply.dataSize()));
@@ -518,10 +492,16 @@ void StandinService::Impl::acceptLoop() {
     }
 }
 
-StandinService::StandinService(std::string deviceRoot) : impl_(std::make_unique<Impl>()) {
-    while (deviceRoot.size() > 1 && deviceRoot.back() == '/') deviceRoot.pop_back();
-    impl_->root = deviceRoot;
-    impl_->socketPath = deviceRoot + "/dev/binder/" + kServiceName;
+namespace {
+std::string withoutTrailingSlash(std::string path) {
+    while (path.size() > 1 && path.back() == '/') path.pop_back();
+    return path;
+}
+}  // namespace
+
+StandinService::StandinService(std::string deviceRoot)
+    : impl_(std::make_unique<Impl>(withoutTrailingSlash(std::move(deviceRoot)))) {
+    impl_->socketPath = impl_->root + "/dev/binder/" + kServiceName;
 }
 
 StandinService::~StandinService() { stop(); }
@@ -713,9 +693,49 @@ bool StandinService::waitUntil(const std::function<bool(const std::vector<Record
     return impl_->changed.wait_for(lock, timeout, [&] { return predicate(impl_->records); });
 }
 
-void StandinService::setTrace(std::function<void(const std::string&)> trace) {
+void StandinService::keepRecords(bool keep) {
     std::lock_guard<std::mutex> lock(impl_->mutex);
-    impl_->trace = std::move(trace);
+    impl_->keepRecords = keep;
+    if (!keep) impl_->records = {};
+}
+
+Summary StandinService::summary() const {
+    std::lock_guard<std::mutex> lock(impl_->mutex);
+    Summary out = impl_->summary;
+    out.waiting = impl_->waiting;
+    out.answers = impl_->answers;
+    return out;
+}
+
+std::string StandinService::property(const std::string& name) const {
+    char value[vigild::platform::kPropValueMax] = {};
+    impl_->properties.get(name.c_str(), value, "");
+    return value;
+}
+
+uint64_t StandinService::addTraceListener(std::function<void(const TraceEvent&)> listener) {
+    std::lock_guard<std::mutex> lock(impl_->mutex);
+    const uint64_t id = impl_->nextListener++;
+    impl_->listeners[id] = std::make_shared<Impl::Listener>(std::move(listener));
+    return id;
+}
+
+void StandinService::removeTraceListener(uint64_t id) {
+    {
+        std::lock_guard<std::mutex> lock(impl_->mutex);
+        impl_->listeners.erase(id);
+    }
+    // Wait out a delivery in progress, unless this is a listener removing itself.
+    if (impl_->deliveringThread.load() != std::this_thread::get_id()) {
+        std::lock_guard<std::mutex> wait(impl_->deliver);
+    }
+}
+
+std::vector<TraceEvent> StandinService::recentTrace(size_t max) const {
+    std::lock_guard<std::mutex> lock(impl_->mutex);
+    const auto& ring = impl_->ring;
+    return std::vector<TraceEvent>(ring.end() - static_cast<long>(std::min(max, ring.size())),
+                                   ring.end());
 }
 
 }  // namespace vdstandin
