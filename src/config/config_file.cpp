@@ -13,7 +13,10 @@
 #include <cstring>
 #include <exception>
 #include <mutex>
+#include <string>
+#include <vector>
 
+#include "config/config_diagnosis.h"
 #include "config/config_rebuild.h"
 #include "config/document.h"
 #include "config/file_watch.h"
@@ -116,6 +119,25 @@ int applyFile(const std::string& path) {
     }
     delete[] text;
     return result;
+}
+
+// Says why the file at `source` is being reset and keeps it as `path` + ".rejected" before the
+// reset overwrites it, so an admin's edit is never lost to a typo.
+void keepRejectedFile(const std::string& source, const char* path) {
+    char* text = fileReader(source.c_str());
+    const std::vector<ConfigProblem> problems = diagnoseConfigFile(text);
+    delete[] text;
+    const ConfigProblem* first = firstRejection(problems);
+    size_t more = 0;
+    for (const ConfigProblem& problem : problems) more += problem.rejects ? 1 : 0;
+    const std::string copy = std::string(path) + kRejectedCopySuffix;
+    // copyFile writes through no link and replaces an earlier rejected copy in place.
+    const bool kept = copyFile(source, copy);
+    LOGE("config file %s rejected: %s%s; every setting is reset to its default; %s%s", path,
+         first != nullptr ? describeProblem(*first).c_str() : "no reason found",
+         more > 1 ? (" (and " + std::to_string(more - 1) + " more)").c_str() : "",
+         kept ? "the rejected file is kept as " : "the rejected file could not be kept as ",
+         copy.c_str());
 }
 
 }  // namespace
@@ -246,6 +268,7 @@ int loadConfigFile(const char* path) {
     int result = applyFile(source);
     if (result == -1) {
         LOGE("config file load failed, load again");
+        keepRejectedFile(source, path);
         resetAndUpdateConfig();
         applyFile(path);
     } else if (result != 1) {

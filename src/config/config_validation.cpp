@@ -207,6 +207,8 @@ int applyReceived(const json_t* document) {
 
 }  // namespace
 
+bool valueFitsType(const char* type, const char* value) { return fitsType(type, value); }
+
 int validateConfig(const char* text) {
     JsonPtr document;
     return checkReceived(text, document);

@@ -7,6 +7,9 @@
 // Set by updateConfig when the Bluetooth snoop module is being enabled.
 extern std::atomic<bool> btSnoopConfigChanged;
 
+// The format test a received value must pass for its setting's type ("int", "list",
+// "boolean"; any text for other types).
+bool valueFitsType(const char* type, const char* value);
 // 0 when the text fits the registry, -1 (with an error line) otherwise.
 int validateConfig(const char* text);
 // Copies changed values into the registry by position; survives texts that do not fit.

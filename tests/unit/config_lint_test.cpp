@@ -53,76 +53,99 @@ void setValue(json_t* doc, size_t index, const char* value) {
     json_object_set_new(soundSetting(doc, index), "value", json_string(value));
 }
 
+std::vector<std::string> texts(const std::vector<vdtools::LintFinding>& findings) {
+    std::vector<std::string> out;
+    for (const auto& finding : findings) out.push_back(finding.text);
+    return out;
+}
+
 struct Case {
     const char* what;
     std::function<std::string(const std::string&)> file;
     std::vector<std::string> errors;
     std::vector<std::string> warnings;
+    const char* verdict;
 };
 
+// The daemon's own diagnosis of a file, then its load and the modules' configVal.
 TEST_F(ConfigLintTest, TableOfFiles) {
     const std::string defaults = vdtools::defaultDocument();
     auto edit = [](std::function<void(json_t*)> f) {
         return [f](const std::string& d) { return edited(d, f); };
     };
+    constexpr const char* kApplied = "vigild would apply the file as it is";
+    constexpr const char* kRefused =
+        "vigild would refuse this file: every setting goes back to its default, and the file is "
+        "kept as \"config.json.rejected\"";
     const Case cases[] = {
-        {"sound", [](const std::string& d) { return d; }, {}, {}},
+        {"sound", [](const std::string& d) { return d; }, {}, {}, kApplied},
         {"broken JSON",
          [](const std::string&) {
              return std::string("{\"SoundModule\": {\n  \"settings\": [,]}}");
          },
-         {"line 2, column 16: unexpected token near ','"},
-         {}},
-        {"missing module",
-         edit([](json_t* d) { json_object_del(d, "SoundModule"); }),
-         {"module \"SoundModule\" is missing: vigild would reset every setting to its default "
-          "and apply the file again"},
-         {}},
-        {"extra setting",
+         {"not valid JSON: unexpected token near ','"},
+         {},
+         kRefused},
+        {"misspelt module",
+         edit([](json_t* d) {
+             json_object_set(d, "SoundModul", json_object_get(d, "SoundModule"));
+             json_object_del(d, "SoundModule");
+         }),
+         {"unknown module \"SoundModul\" where module \"SoundModule\" is missing"},
+         {},
+         kRefused},
+        {"extra setting, unknown module",
          edit([](json_t* d) {
              json_array_append_new(json_object_get(json_object_get(d, "SoundModule"), "settings"),
                                    json_pack("{s:s,s:s,s:s,s:[]}", "name", "Extra", "type", "int",
                                              "value", "1", "list"));
+             json_object_set_new(d, "Ghost", json_object());
          }),
          {},
-         {"\"SoundModule\" / \"Extra\" is unknown: vigild ignores it"}},
-        {"bad int",
-         edit([](json_t* d) { setValue(d, 1, "12a"); }),
-         {"\"SoundModule\" / \"Rotate size (KB)\": \"12a\" does not fit type \"int\" (Value "
-          "recived does not fit the expected format it was defined for)"},
-         {}},
+         {"module \"SoundModule\" has no setting \"Extra\": it is ignored",
+          "unknown module \"Ghost\": it is ignored"},
+         kApplied},
+        {"bad int, list index past its options",
+         edit([](json_t* d) {
+             setValue(d, 1, "12a");
+             setValue(d, 3, "7");
+         }),
+         {},
+         {"setting \"Rotate size (KB)\" of module \"SoundModule\": \"12a\" is not a valid int",
+          "setting \"Buffer\" of module \"SoundModule\": \"7\" is not one of its 3 options (0 "
+          "to 2)"},
+         kApplied},
         {"foreign path",
          edit([](json_t* d) { setValue(d, 4, "/data/elsewhere/anr/"); }),
          {},
          {"\"SoundModule\" / \"Log Path\": \"/data/elsewhere/anr/\" would be corrected to "
-          "\"/sdcard/Tellwick/\""}},
-        {"missing setting",
+          "\"/sdcard/Tellwick/\""},
+         "vigild would apply the file and correct 1 value(s) (see warnings)"},
+        {"wrong type, missing setting",
          edit([](json_t* d) {
+             json_object_set_new(soundSetting(d, 1), "type", json_string("string"));
              json_array_remove(json_object_get(json_object_get(d, "SoundModule"), "settings"), 2);
          }),
          {},
-         {"\"SoundModule\" / \"Verbose\" is missing: it keeps its current value"}},
+         {"setting \"Rotate size (KB)\" of module \"SoundModule\" has type \"string\", not "
+          "\"int\": it is ignored and the setting keeps its value",
+          "setting \"Verbose\" of module \"SoundModule\" is missing: it keeps its value"},
+         kApplied},
         {"nameless entry",
          edit([](json_t* d) { json_object_del(soundSetting(d, 2), "name"); }),
-         {"module \"SoundModule\": setting entry 2 has no \"name\": vigild stops reading the file "
-          "there"},
-         {"\"SoundModule\" / \"Verbose\" is missing: it keeps its current value"}},
-        {"list index past its options",
-         edit([](json_t* d) { setValue(d, 3, "7"); }),
+         {"a setting of module \"SoundModule\" has a \"type\" but no \"name\": the whole file is "
+          "refused"},
          {},
-         {"\"SoundModule\" / \"Buffer\": \"7\" is not an index of its 3 options"}},
-        {"unknown module",
-         edit([](json_t* d) { json_object_set_new(d, "Ghost", json_object()); }),
-         {},
-         {"module \"Ghost\" is unknown: vigild ignores it"}},
+         kRefused},
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(c.what);
         TestPlatform fresh;
         ASSERT_TRUE(vdtools::prepareRegistry(modules_).empty());
         LintResult result = vdtools::lintConfig(c.file(defaults));
-        EXPECT_EQ(result.errors, c.errors);
-        EXPECT_EQ(result.warnings, c.warnings);
+        EXPECT_EQ(texts(result.errors), c.errors);
+        EXPECT_EQ(texts(result.warnings), c.warnings);
+        EXPECT_EQ(result.verdict, c.verdict);
         EXPECT_EQ(result.sound(), c.errors.empty() && c.warnings.empty());
     }
 }
@@ -141,7 +164,7 @@ TEST_F(ConfigLintTest, ChangesAgainstTheDefaultsAndWinningProperties) {
     });
     LintResult result = vdtools::lintConfig(file);
     EXPECT_TRUE(result.errors.empty());
-    EXPECT_EQ(result.warnings,
+    EXPECT_EQ(texts(result.warnings),
               std::vector<std::string>{"\"Tellwick Settings\" / \"Enable internal sdcard only\": "
                                        "\"true\" would become \"false\""});
     EXPECT_EQ(result.changes,
@@ -173,14 +196,29 @@ TEST_F(ConfigLintTest, ToolExitStatus) {
     p.writeFile("/bad.json", "{\"Tellwick Settings\": ");
     std::string out;
     EXPECT_EQ(run("check " + p.hostPath("/good.json") + " --modules " + modules_, &out), 0) << out;
-    EXPECT_EQ(out, p.hostPath("/good.json") + ": sound\n");
-    // Without the module library the file names a module the device does not have.
+    EXPECT_EQ(out, p.hostPath("/good.json") + ": vigild would apply the file as it is\n" +
+                       p.hostPath("/good.json") + ": sound\n");
+    // Without the module library the file names a module the device does not have; a broken
+    // file is placed as compilers place errors.
     EXPECT_EQ(run("check " + p.hostPath("/good.json"), &out), 1) << out;
-    EXPECT_NE(out.find("warning: module \"SoundModule\" is unknown: vigild ignores it"),
-              std::string::npos)
+    EXPECT_NE(out.find(":1:"), std::string::npos) << out;
+    EXPECT_NE(out.find("warning: unknown module \"SoundModule\": it is ignored"), std::string::npos)
         << out;
     EXPECT_EQ(run("check " + p.hostPath("/bad.json"), &out), 1) << out;
-    EXPECT_NE(out.find(": error: line 1, column "), std::string::npos) << out;
+    EXPECT_NE(out.find(p.hostPath("/bad.json") + ":1:22: error: not valid JSON"), std::string::npos)
+        << out;
+    // Each module judges the file with its own configVal.
+    const std::string objecting = p.root() + "/objecting";
+    std::filesystem::create_directories(objecting);
+    std::filesystem::copy_file(std::string(VIGILD_BROKEN_MODULE_DIR) + "/lib_vd_objects.so",
+                               objecting + "/lib_vd_objects.so");
+    ASSERT_EQ(run("defaults --modules " + objecting, &out), 0) << out;
+    p.writeFile("/objected.json", out);
+    EXPECT_EQ(run("check " + p.hostPath("/objected.json") + " --modules " + objecting, &out), 1);
+    EXPECT_NE(out.find("warning: module \"BrokenModule\" objects to \"Rotate size (KB)\": must be "
+                       "a power of two"),
+              std::string::npos)
+        << out;
     EXPECT_EQ(run("check " + p.hostPath("/missing.json"), &out), 2) << out;
     EXPECT_EQ(run("check " + p.hostPath("/good.json") + " --prop bad", &out), 2) << out;
 }

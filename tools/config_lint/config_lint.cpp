@@ -10,9 +10,11 @@
 #include <cstring>
 #include <memory>
 
+#include "config/config_diagnosis.h"
 #include "config/config_file.h"
 #include "config/config_validation.h"
 #include "config/document.h"
+#include "config/json_helpers.h"
 #include "core/module_loader.h"
 #include "core/module_registry.h"
 #include "modcheck/scratch_device.h"
@@ -23,12 +25,9 @@
 namespace vdtools {
 namespace {
 
-constexpr const char* kInternalRoot = "/sdcard/";
+using vigild::config::JsonPtr;
 
-struct JsonDeleter {
-    void operator()(json_t* json) const { json_decref(json); }
-};
-using JsonPtr = std::unique_ptr<json_t, JsonDeleter>;
+constexpr const char* kInternalRoot = "/sdcard/";
 
 std::string quoted(const std::string& text) { return "\"" + text + "\""; }
 
@@ -36,150 +35,34 @@ std::string where(const char* module, const char* setting) {
     return quoted(module) + " / " + quoted(setting);
 }
 
-const char* stringMember(json_t* object, const char* key) {
-    return json_string_value(json_object_get(object, key));
-}
-
 bool isPathSetting(const Module::config& c) {
     return (strcasecmp(c.name, "Log Path") == 0 || strcasecmp(c.name, "Storage Directory") == 0) &&
            strcasecmp(c.type, "string") == 0;
 }
 
-bool isIndexOf(const char* text, size_t count) {
-    if (*text == '\0' || strlen(text) > 9 || (text[0] == '0' && text[1] != '\0')) return false;
-    for (const char* p = text; *p != '\0'; ++p) {
-        if (*p < '0' || *p > '9') return false;
-    }
-    return static_cast<size_t>(atoi(text)) < count;
-}
-
-// Puts single values through the daemon's validation by swapping them into the default
-// document, which validates as it stands.
-class ValueJudge {
-  public:
-    ValueJudge() {
-        char* text = getConfig();
-        if (text != nullptr) document_.reset(json_loads(text, 0, nullptr));
-        free(text);
-    }
-
-    // Empty when the daemon takes `value` for setting `index` of module `moduleIndex`; else
-    // the daemon's reason.
-    std::string judge(const char* module, size_t index, const char* value, LogCapture& capture) {
-        json_t* settings = json_object_get(json_object_get(document_.get(), module), "settings");
-        json_t* setting = json_array_get(settings, index);
-        if (setting == nullptr) return "";
-        JsonPtr old(json_incref(json_object_get(setting, "value")));
-        json_object_set_new(setting, "value", json_string(value));
-        char* text = json_dumps(document_.get(), 0);
-        size_t from = capture.lines().size();
-        int rc = text == nullptr ? 0 : validateConfig(text);
-        free(text);
-        json_object_set(setting, "value", old.get());
-        if (rc == 0) return "";
-        std::vector<std::string> why = capture.errorsSince(from);
-        return why.empty() ? "refused" : why.back();
-    }
-
-  private:
-    JsonPtr document_;
-};
-
-// The file's entries by module, checked by name as the daemon rebuilds from a file.
-void checkStructure(json_t* root, LintResult& result, LogCapture& capture,
-                    std::vector<std::vector<const char*>>& fileValues) {
-    ValueJudge judge;
-    fileValues.assign(moduleRegistry.size(), {});
-    for (size_t m = 0; m < moduleRegistry.size(); ++m) {
-        modulePair& entry = moduleRegistry[m];
-        const char* module = entry.settings.moduleName;
-        fileValues[m].assign(entry.settings.configs.size(), nullptr);
-        json_t* object = json_object_get(root, module);
-        if (object == nullptr) {
-            if (strcmp(module, "QuickTapModule") == 0 && !isDeviceAlder()) {
-                result.warnings.push_back("module " + quoted(module) +
-                                          " is missing: its settings stay as they are");
-            } else {
-                result.errors.push_back("module " + quoted(module) +
-                                        " is missing: vigild would reset every setting to its "
-                                        "default and apply the file again");
-            }
-            continue;
-        }
-        json_t* settings = json_object_get(object, "settings");
-        if (!json_is_array(settings)) {
-            result.errors.push_back("module " + quoted(module) +
-                                    " has no \"settings\" array: vigild would reset every setting "
-                                    "to its default and apply the file again");
-            continue;
-        }
-        std::vector<bool> used(json_array_size(settings), false);
-        for (size_t i = 0; i < entry.settings.configs.size(); ++i) {
-            const Module::config& c = entry.settings.configs[i];
-            bool found = false;
-            for (size_t k = 0; k < json_array_size(settings); ++k) {
-                json_t* item = json_array_get(settings, k);
-                const char* name = stringMember(item, "name");
-                const char* type = stringMember(item, "type");
-                if (name == nullptr || type == nullptr || strcmp(name, c.name) != 0 ||
-                    strcmp(type, c.type) != 0) {
-                    continue;
-                }
-                used[k] = true;
-                found = true;
-                const char* value = stringMember(item, "value");
-                if (value == nullptr) {
-                    result.errors.push_back(where(module, c.name) +
-                                            " has no string \"value\": vigild would reset every "
-                                            "setting to its default and apply the file again");
-                    continue;
-                }
-                fileValues[m][i] = value;
-                std::string why = judge.judge(module, i, value, capture);
-                if (!why.empty()) {
-                    result.errors.push_back(where(module, c.name) + ": " + quoted(value) +
-                                            " does not fit type " + quoted(c.type) + " (" + why +
-                                            ")");
-                } else if (strcmp(c.type, "list") == 0 && !isIndexOf(value, c.options.size())) {
-                    result.warnings.push_back(where(module, c.name) + ": " + quoted(value) +
-                                              " is not an index of its " +
-                                              std::to_string(c.options.size()) + " options");
-                }
-            }
-            if (!found) {
-                result.warnings.push_back(where(module, c.name) +
-                                          " is missing: it keeps its current value");
-            }
-        }
-        for (size_t k = 0; k < used.size(); ++k) {
-            if (used[k]) continue;
-            json_t* item = json_array_get(settings, k);
-            const char* name = stringMember(item, "name");
-            const char* type = stringMember(item, "type");
-            if (name == nullptr) {
-                result.errors.push_back("module " + quoted(module) + ": setting entry " +
-                                        std::to_string(k) +
-                                        " has no \"name\": vigild stops reading the file there");
-            } else {
-                result.warnings.push_back(where(module, name) +
-                                          (type == nullptr ? " has no \"type\"" : " is unknown") +
-                                          ": vigild ignores it");
-            }
-        }
-    }
-    const char* key;
-    json_t* value;
-    json_object_foreach(root, key, value) {
-        bool known = false;
-        for (const modulePair& entry : moduleRegistry) {
-            known = known || strcmp(entry.settings.moduleName, key) == 0;
-        }
-        if (!known)
-            result.warnings.push_back("module " + quoted(key) + " is unknown: vigild ignores it");
-    }
-}
-
 std::string configPath() { return configFilePath(kInternalRoot); }
+
+// The file's entry the daemon's load takes for a setting (the last one of that name and type,
+// as each match is applied in turn), or -1.
+int fileEntryOf(json_t* root, const char* module, const Module::config& c) {
+    json_t* settings = json_object_get(json_object_get(root, module), "settings");
+    int found = -1;
+    for (size_t k = 0; k < json_array_size(settings); ++k) {
+        json_t* item = json_array_get(settings, k);
+        const char* name = json_string_value(json_object_get(item, "name"));
+        const char* type = json_string_value(json_object_get(item, "type"));
+        if (name != nullptr && type != nullptr && strcmp(name, c.name) == 0 &&
+            strcmp(type, c.type) == 0) {
+            found = static_cast<int>(k);
+        }
+    }
+    return found;
+}
+
+LintFinding at(const std::string& text, const std::vector<std::string>& path, std::string what) {
+    ConfigProblem place = placeOf(text.c_str(), path);
+    return {place.line, place.column, std::move(what)};
+}
 
 }  // namespace
 
@@ -216,15 +99,18 @@ std::vector<std::string> prepareRegistry(const std::string& hostModuleDir) {
 LintResult lintConfig(const std::string& text) {
     LintResult result;
     LogCapture capture(false);
-    json_error_t error;
-    JsonPtr root(json_loads(text.c_str(), 0, &error));
-    if (root == nullptr) {
-        result.errors.push_back("line " + std::to_string(error.line) + ", column " +
-                                std::to_string(error.column) + ": " + error.text);
-        return result;
+    for (const ConfigProblem& problem : diagnoseConfigFile(text.c_str())) {
+        (problem.rejects ? result.errors : result.warnings)
+            .push_back({problem.line, problem.column, problem.reason});
     }
-    if (!json_is_object(root.get())) {
-        result.errors.push_back("the top level is not a JSON object");
+    const std::string rejected = quoted(std::string("config.json") + kRejectedCopySuffix);
+    const std::string resetVerdict =
+        "vigild would refuse this file: every setting goes back to its default, and the file "
+        "is kept as " +
+        rejected;
+    JsonPtr root(json_loads(text.c_str(), 0, nullptr));
+    if (root == nullptr || !json_is_object(root.get())) {
+        result.verdict = resetVerdict;
         return result;
     }
     // The module's own defaults, before anything (configVal included) rewrites them.
@@ -235,17 +121,15 @@ LintResult lintConfig(const std::string& text) {
             defaults.back().push_back(c.defaultValue);
         }
     }
-    std::vector<std::vector<const char*>> fileValues;
-    checkStructure(root.get(), result, capture, fileValues);
 
-    // Now let the daemon load it as its own configuration file.
+    // Now let the daemon load it as its own configuration file, on the scratch root.
     const std::string path = configPath();
     int fd = vigild::fs::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW, 0660);
     bool written =
         fd >= 0 && ::write(fd, text.data(), text.size()) == static_cast<ssize_t>(text.size());
     if (fd >= 0) ::close(fd);
     if (!written) {
-        result.errors.push_back("cannot write the scratch copy of the file");
+        result.errors.push_back({0, 0, "cannot write the scratch copy of the file"});
         return result;
     }
     size_t from = capture.lines().size();
@@ -254,23 +138,36 @@ LintResult lintConfig(const std::string& text) {
     for (size_t i = from; i < capture.lines().size(); ++i) {
         failed = failed || capture.lines()[i].text == "config file load failed, load again";
     }
-    if (failed && result.errors.empty()) {
-        result.errors.push_back(
-            "vigild could not apply the file: it would reset every setting "
-            "to its default and apply the file again");
+    if (failed) {
+        if (result.errors.empty()) {
+            result.errors.push_back({0, 0, "vigild could not apply the file"});
+        }
+        result.verdict = resetVerdict;
+        return result;
     }
 
+    size_t corrected = 0;
     for (size_t m = 0; m < moduleRegistry.size(); ++m) {
-        const char* module = moduleRegistry[m].settings.moduleName;
-        const auto& configs = moduleRegistry[m].settings.configs;
+        modulePair& entry = moduleRegistry[m];
+        const char* module = entry.settings.moduleName;
+        const auto& configs = entry.settings.configs;
         for (size_t i = 0; i < configs.size(); ++i) {
             const Module::config& c = configs[i];
-            const char* wanted = i < fileValues[m].size() ? fileValues[m][i] : nullptr;
+            const int k = fileEntryOf(root.get(), module, c);
+            const char* wanted =
+                k < 0 ? nullptr
+                      : json_string_value(json_object_get(
+                            json_array_get(
+                                json_object_get(json_object_get(root.get(), module), "settings"),
+                                static_cast<size_t>(k)),
+                            "value"));
             if (wanted != nullptr && strcmp(wanted, c.value) != 0) {
+                corrected++;
                 result.warnings.push_back(
-                    where(module, c.name) + ": " + quoted(wanted) +
-                    (isPathSetting(c) ? " would be corrected to " : " would become ") +
-                    quoted(c.value));
+                    at(text, {module, "settings", std::to_string(k), "value"},
+                       where(module, c.name) + ": " + quoted(wanted) +
+                           (isPathSetting(c) ? " would be corrected to " : " would become ") +
+                           quoted(c.value)));
             }
             const std::string& before = defaults[m][i];
             if (before != c.value) {
@@ -278,7 +175,23 @@ LintResult lintConfig(const std::string& text) {
                                          quoted(c.value));
             }
         }
+        // The module's own judgement of what it would run with.
+        Module::moduleConfig judged = entry.settings;
+        std::vector<std::string> objections;
+        entry.module->configVal(judged, objections);
+        for (size_t j = 0; j + 1 < objections.size(); j += 2) {
+            int k = -1;
+            for (const Module::config& c : configs) {
+                if (objections[j] == c.name) k = fileEntryOf(root.get(), module, c);
+            }
+            result.warnings.push_back(at(text, {module, "settings", std::to_string(k)},
+                                         "module " + quoted(module) + " objects to " +
+                                             quoted(objections[j]) + ": " + objections[j + 1]));
+        }
     }
+    result.verdict = corrected == 0 ? "vigild would apply the file as it is"
+                                    : "vigild would apply the file and correct " +
+                                          std::to_string(corrected) + " value(s) (see warnings)";
     return result;
 }
 

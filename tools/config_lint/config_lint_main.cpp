@@ -4,6 +4,10 @@
 //   vigild-config check config.json --modules out/system/lib64
 //   vigild-config defaults --modules out/system/lib64
 //
+// check loads the module libraries of --modules as the daemon does, reports every problem as
+// FILE:LINE:COLUMN with each module's own configVal objections, and says what the daemon would
+// do with the file. Nothing outside a scratch folder under /tmp is written.
+//
 // Exit status: 0 sound, 1 findings, 2 usage or unreadable file.
 #include <CLI/CLI.hpp>
 #include <cstdio>
@@ -109,16 +113,23 @@ int main(int argc, char** argv) {
     }
 
     vdtools::LintResult result = vdtools::lintConfig(text);
-    for (const std::string& line : result.errors)
-        printf("%s: error: %s\n", file.c_str(), line.c_str());
-    for (const std::string& line : result.warnings) {
-        printf("%s: warning: %s\n", file.c_str(), line.c_str());
-    }
+    // file:line:column, as compilers print it, so editors jump to the place.
+    auto print = [&](const vdtools::LintFinding& finding, const char* kind) {
+        if (finding.line > 0) {
+            printf("%s:%d:%d: %s: %s\n", file.c_str(), finding.line, finding.column, kind,
+                   finding.text.c_str());
+        } else {
+            printf("%s: %s: %s\n", file.c_str(), kind, finding.text.c_str());
+        }
+    };
+    for (const vdtools::LintFinding& finding : result.errors) print(finding, "error");
+    for (const vdtools::LintFinding& finding : result.warnings) print(finding, "warning");
     if (!quiet) {
         for (const std::string& line : result.changes) {
             printf("%s: change: %s\n", file.c_str(), line.c_str());
         }
     }
+    printf("%s: %s\n", file.c_str(), result.verdict.c_str());
     if (result.sound()) {
         printf("%s: sound\n", file.c_str());
         return 0;
