@@ -82,8 +82,18 @@ void reapChild(pid_t pid, bool report, bool killed) {
     if (reaped != pid || !report) return;
     if (!WIFEXITED(status)) {
         LOGE("bugreportz did not exit normally");
+        if (WIFSIGNALED(status)) {
+            LOGE("Tw Bugreport: bugreportz was ended by signal %d (%s)", WTERMSIG(status),
+                 strsignal(WTERMSIG(status)));
+        }
     } else {
+        // The line above is at error priority whatever the status; this one says which it was.
         LOGE("bugreportz exited with status: status == %d", WEXITSTATUS(status));
+        if (WEXITSTATUS(status) == 0) {
+            LOGI("Tw Bugreport: bugreportz finished normally");
+        } else {
+            LOGE("Tw Bugreport: bugreportz failed with exit status %d", WEXITSTATUS(status));
+        }
     }
 }
 
@@ -124,6 +134,7 @@ void fileArchive(const std::string& path, Ivd_service& service) {
     }
     if (copyFile(source, trim(destination))) {
         LOGI("Tw Bugreport::File copied successfully at destination");
+        LOGI("Tw Bugreport: report saved as %s", trim(destination).c_str());
         service.updateTwBugreportStatus(true);
     } else {
         LOGE("Tw Bugreport::File copied failed");
@@ -139,6 +150,12 @@ void fileArchive(const std::string& path, Ivd_service& service) {
 }
 
 }  // namespace
+
+// The last non-empty line of the tool's output, for the reason of a failure.
+static std::string lastLine(std::string text) {
+    while (!text.empty() && (text.back() == '\n' || text.back() == '\r')) text.pop_back();
+    return text.substr(text.find_last_of('\n') + 1);
+}
 
 std::string bugreportArchivePath(const std::string& lastChunk) {
     return truncateFromSubstring(lastChunk, "OK:");
@@ -181,6 +198,8 @@ int bugreportPass(std::chrono::milliseconds deadline) {
     }
     if (path.empty()) {
         LOGE("Tw Bugreport::bugreport file is not present");
+        LOGE("Tw Bugreport: the tool named no archive; its last output line: \"%s\"",
+             lastLine(output).c_str());
         service->updateTwBugreportStatus(false);
     } else {
         fileArchive(path, *service);

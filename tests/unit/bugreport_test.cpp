@@ -2,12 +2,11 @@
 // recovery log copy.
 #include "storage/bugreport.h"
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
-
-#include <fcntl.h>
 
 #include <chrono>
 #include <cstring>
@@ -22,10 +21,10 @@
 #include "core/daemon_state.h"
 #include "core/log.h"
 #include "core/module_registry.h"
-#include "platform/fs.h"
 #include "fakes/eventually.h"
 #include "fakes/fake_module.h"
 #include "fakes/test_platform.h"
+#include "platform/fs.h"
 #include "standin/standin_service.h"
 
 namespace {
@@ -113,6 +112,9 @@ TEST_F(BugreportTest, OkLineMovesTheArchiveIntoTheLogFolder) {
     EXPECT_TRUE(logged("Tw Bugreport::File copied successfully at destination", kLogInfo));
     EXPECT_TRUE(logged("Tw Bugreport::File deleted successfully from src path", kLogInfo));
     EXPECT_TRUE(logged("bugreportz exited with status: status == 0", kLogError));
+    EXPECT_TRUE(logged("Tw Bugreport: bugreportz finished normally", kLogInfo));
+    EXPECT_TRUE(logged("Tw Bugreport: report saved as /sdcard/Tellwick/TwBugreport-dev-2020.zip",
+                       kLogInfo));
     EXPECT_LT(p.log().indexOf("inside child process"), p.log().indexOf("inside parent process"));
 }
 
@@ -144,8 +146,18 @@ TEST_F(BugreportTest, ToolsWithoutAnArchiveAndAMissingToolReportFalse) {
         EXPECT_EQ(bugreportPass(), kBugreportDone);
 
         EXPECT_TRUE(logged("Tw Bugreport::bugreport file is not present", kLogError));
+        if (c.status == 3) {
+            EXPECT_TRUE(logged(
+                "Tw Bugreport: the tool named no archive; its last output line: \"FAIL:no space "
+                "left\"",
+                kLogError));
+        }
         expectReported(0);
         EXPECT_TRUE(logged("bugreportz exited with status: status == " + std::to_string(c.status)));
+        EXPECT_EQ(
+            logged("Tw Bugreport: bugreportz failed with exit status " + std::to_string(c.status),
+                   kLogError),
+            c.status != 0);
         EXPECT_TRUE(p.exists(kArchive));
         EXPECT_FALSE(p.exists("/sdcard/Tellwick/TwBugreport-dev-2020.zip"));
     }
@@ -173,6 +185,7 @@ TEST_F(BugreportTest, HangingToolIsKilledAfterTheDeadlineOfPlatformTime) {
     EXPECT_EQ(result, kBugreportDone);
     EXPECT_EQ(p.clock().sleeps(), std::vector<std::chrono::milliseconds>(600, 1s));
     EXPECT_TRUE(logged("bugreportz did not exit normally", kLogError));
+    EXPECT_TRUE(logged("Tw Bugreport: bugreportz was ended by signal 9 (Killed)", kLogError));
     EXPECT_TRUE(logged("Tw Bugreport::bugreport file is not present", kLogError));
     expectReported(0);
     EXPECT_FALSE(hasChildren());
@@ -187,8 +200,9 @@ TEST_F(BugreportTest, AToolInheritsNoDescriptorAndEndsWithWhatItStarted) {
     ASSERT_TRUE(file >= 0 && stream != nullptr && watch >= 0);
     // Lists its descriptors, leaves a child behind, closes its output and stays.
     const std::string closed = p.hostPath("/closed");
-    writeTool("ls /proc/$$/fd > " + p.hostPath("/fds") + "\nsleep 1000 >/dev/null 2>&1 &\necho $! > " +
-              p.hostPath("/grandchild") + "\nexec >&- 2>&-\ntouch " + closed + "\nexec sleep 1000");
+    writeTool("ls /proc/$$/fd > " + p.hostPath("/fds") +
+              "\nsleep 1000 >/dev/null 2>&1 &\necho $! > " + p.hostPath("/grandchild") +
+              "\nexec >&- 2>&-\ntouch " + closed + "\nexec sleep 1000");
     // Platform time stands still until the tool has closed its output.
     p.clock().onSleep([&](std::chrono::milliseconds) {
         vigild::testing::eventually([&] { return access(closed.c_str(), F_OK) == 0; }, 10s);
@@ -200,9 +214,11 @@ TEST_F(BugreportTest, AToolInheritsNoDescriptorAndEndsWithWhatItStarted) {
 
     std::istringstream listed(p.readFile("/fds"));
     std::set<std::string> inherited{std::istream_iterator<std::string>(listed), {}};
-    for (int fd : {file, fileno(stream), watch}) EXPECT_EQ(inherited.count(std::to_string(fd)), 0u) << fd;
+    for (int fd : {file, fileno(stream), watch})
+        EXPECT_EQ(inherited.count(std::to_string(fd)), 0u) << fd;
     // Ended with the group: gone, or a zombie waiting for init.
-    const std::string stat = "/proc/" + std::to_string(std::stoi(p.readFile("/grandchild"))) + "/stat";
+    const std::string stat =
+        "/proc/" + std::to_string(std::stoi(p.readFile("/grandchild"))) + "/stat";
     EXPECT_TRUE(vigild::testing::eventually(
         [&] {
             std::ifstream in(stat);
