@@ -4,7 +4,7 @@ set -euo pipefail
 
 packages=(
   cmake ninja-build pkg-config g++ make
-  libjansson-dev android-liblog-dev libcli11-dev
+  libjansson-dev android-liblog-dev libcli11-dev libcpp-httplib-dev
   googletest libgtest-dev libgmock-dev libbenchmark-dev
   clang libclang-rt-14-dev
 )

@@ -652,6 +652,8 @@ std::string Console::url() const {
     return "http://" + (isIpv6(h) ? "[" + h + "]" : h) + ":" + std::to_string(impl_->port) + "/";
 }
 
+bool Console::loopbackOnly() const { return isLoopbackHost(impl_->host); }
+
 void Console::stop() {
     Impl& s = *impl_;
     if (!s.thread.joinable()) return;

@@ -42,6 +42,8 @@ class Console {
     bool start(const std::string& address, std::string* error);
     // "http://127.0.0.1:8080/" once started.
     std::string url() const;
+    // False when other machines may reach the console (any address but loopback).
+    bool loopbackOnly() const;
     // Ends every event stream and the server.
     void stop();
 

@@ -24,6 +24,7 @@ bool Console::start(const std::string& address, std::string* error) {
 }
 
 std::string Console::url() const { return ""; }
+bool Console::loopbackOnly() const { return true; }
 void Console::stop() {}
 
 }  // namespace vdstandin

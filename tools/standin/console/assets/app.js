@@ -255,6 +255,8 @@
       box.replaceChildren();
       return;
     }
+    box.dataset.applyId = String(a.id);
+    box.dataset.phase = a.phase;
     const lines = [el('div', {class: `phase phase-${a.phase}`}, PHASES[a.phase] || a.phase)];
     const loose = [];
     let objections = 0;
