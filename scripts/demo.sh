@@ -86,7 +86,8 @@ begin_step() {
 }
 end_step() {
     echo "service received:"
-    tail -n +"$((trace_mark + 1))" "$ROOT/standin.log" | uniq -c \
+    # Without the time and number of each line, so repeats fold into one.
+    tail -n +"$((trace_mark + 1))" "$ROOT/standin.log" | cut -d' ' -f3- | uniq -c \
         | sed -E 's/^ *1 (.*)/    \1/; s/^ *([0-9]+) (.*)/    \2  (x\1)/' | cut -c1-160
     echo "storage changes:"
     awk 'FNR == NR { before[$1] = $2; next }

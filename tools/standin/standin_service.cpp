@@ -597,6 +597,25 @@ void StandinService::queueConfig(const std::string& document) {
     impl_->documents.push_back(document);
 }
 
+namespace {
+bool withdrawNewest(std::deque<std::string>& queue, const std::string& text) {
+    auto it = std::find(queue.rbegin(), queue.rend(), text);
+    if (it == queue.rend()) return false;
+    queue.erase(std::next(it).base());
+    return true;
+}
+}  // namespace
+
+bool StandinService::withdrawCommand(const std::string& command) {
+    std::lock_guard<std::mutex> lock(impl_->mutex);
+    return withdrawNewest(impl_->commands, command);
+}
+
+bool StandinService::withdrawConfig(const std::string& document) {
+    std::lock_guard<std::mutex> lock(impl_->mutex);
+    return withdrawNewest(impl_->documents, document);
+}
+
 int StandinService::waitingForCommand() const {
     std::lock_guard<std::mutex> lock(impl_->mutex);
     return impl_->waiting;

@@ -107,6 +107,10 @@ class StandinService {
     // document ("" when none).
     void queueCommand(const std::string& command);
     void queueConfig(const std::string& document);
+    // Takes back the newest queued command or document equal to the text, if still queued
+    // (a client that gave up waiting); true when one was.
+    bool withdrawCommand(const std::string& command);
+    bool withdrawConfig(const std::string& document);
     // Number of callers blocked in waitForResponse right now.
     int waitingForCommand() const;
 

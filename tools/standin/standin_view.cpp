@@ -101,7 +101,7 @@ std::vector<Module> modulesOf(const std::string& document) {
     const char* name = nullptr;
     json_t* module = nullptr;
     json_object_foreach(root.get(), name, module) {
-        Module m{name, false};
+        Module m{name, std::nullopt};
         json_t* settings = json_object_get(module, "settings");
         size_t i = 0;
         json_t* setting = nullptr;
@@ -338,7 +338,7 @@ std::string statusJson(const StandinService& service, int64_t now) {
                                                   : json_null());
     }
     json_object_set_new(o, "device", device);
-    return dump(o, JSON_INDENT(2)) + "\n";
+    return dump(o, JSON_COMPACT) + "\n";
 }
 
 std::string statusText(const StandinService& service, bool colour, int64_t now) {
@@ -368,7 +368,7 @@ std::string statusText(const StandinService& service, bool colour, int64_t now) 
     line("storage:", (root ? *root : std::string("not chosen yet")) + " (" +
                          (secureLayout(service) ? "secure" : "normal") + " layout)");
     const std::vector<Module> modules = modulesNow(s);
-    line("modules:", modules.empty() ? "none reported" : "");
+    line("modules:", modules.empty() ? "none reported" : std::to_string(modules.size()));
     size_t width = 0;
     for (const Module& m : modules) width = std::max(width, m.name.size());
     for (const Module& m : modules) {
@@ -382,11 +382,12 @@ std::string statusText(const StandinService& service, bool colour, int64_t now) 
         out += row + "\n";
     }
     line("last error:", s.lastError ? *s.lastError : "none");
+    if (!s.lastReports.empty()) out += "last reports:\n";
     for (const auto& [method, record] : s.lastReports) {
         std::string args;
         for (const auto& str : record.strings) args += (args.empty() ? "" : ", ") + quoted(str, 80);
         for (int32_t i : record.ints) args += (args.empty() ? "" : ", ") + std::to_string(i);
-        line(("last " + method + ":").c_str(), args.empty() ? "called" : args);
+        out += "  " + method + "(" + args + ")\n";
     }
     out += "device answers:\n";
     for (const DeviceSetting& d : deviceSettings()) {

@@ -35,7 +35,7 @@ const DeviceSetting* findDeviceSetting(const std::string& name);
 // daemon always is) or when a request arrived within this window (a command in progress).
 constexpr int64_t kConnectedWindowMillis = 5000;
 
-// One JSON object, keys always present:
+// One JSON object on one line, keys always present and in this order:
 //   "state"        name of the last run state the daemon reported with sendState
 //                  ("stopped", "running", "transition"), "unknown" before any report or for
 //                  a value outside 0..2
@@ -50,9 +50,9 @@ constexpr int64_t kConnectedWindowMillis = 5000;
 //   "daemonVersion"  the version reported under the name "vigild", null before any
 //   "modules"      one object per module of the last document the daemon sent, in its
 //                  order: "name"; "version" (its last sendVersion, null when none); "enabled"
-//                  (its "Enable Module" setting is "true"); "running" (enabled and the state
-//                  is running). Before any document: the modules that reported a version,
-//                  with "enabled" and "running" null.
+//                  (its "Enable Module" setting is "true"; null when it has none); "running"
+//                  (enabled and the state is running; null with "enabled"). Before any document:
+//                  the modules that reported a version, with "enabled" and "running" null.
 //   "lastError"    the text of the last sendConfigErrorMessage (module objections), null
 //                  before any
 //   "reports"      the arguments of the last call of each other reporting method, by
