@@ -7,11 +7,12 @@
 // Set when updateConfigDefault moved a log path; read and cleared by loadConfigFile.
 extern thread_local bool restartAfterPathChange;
 
-// Writes `text` to `path` without losing the last good file to a kill or a full disk; the
-// file keeps its inode. A null text writes nothing. Callers hold configMutex.
+// Puts `text` at `path` whole or not at all (a new file renamed over the old one), never
+// through a link. A null text writes nothing. Callers hold configMutex.
 void saveFile(const char* path, const char* text);
-// Puts back the copy an interrupted saveFile left beside `path`; takes configMutex itself.
-// Returns the file to read: `path`, or the copy when it could not be put back (a full disk).
+// Puts back the copy a save of an earlier build left beside `path` when it was stopped while
+// rewriting the file in place; takes configMutex itself. Returns the file to read: `path`, or
+// the copy when it could not be put back.
 std::string takeLeftConfigCopy(const char* path);
 // 0 when the file is absent, 1 after a full apply, otherwise makeUpdateConfig's result.
 int loadConfigFile(const char* path);

@@ -8,6 +8,7 @@
 #include <chrono>
 #include <cstdlib>
 #include <cstring>
+#include <map>
 
 #include "config/config_file.h"
 #include "config/config_validation.h"
@@ -20,6 +21,7 @@
 #include "quicktap/quicktap.h"
 #include "service/ivd_service.h"
 #include "storage/storage_root.h"
+#include "storage/tree.h"
 #include "storage/utility.h"
 
 namespace {
@@ -134,6 +136,49 @@ uint32_t firstFileEventMask(const char* buffer, size_t length, const int (&watch
     }
     return firstMask;
 }
+
+// The file each watch descriptor was put on, kept until its IN_IGNORED is read: the last
+// records of a descriptor may come after a re-arm replaced it.
+using WatchedFiles = std::map<int, std::string>;
+
+void noteWatches(WatchedFiles& watched, const int (&watches)[2], const std::string& internalPath,
+                 const std::string& externalPath) {
+    if (watches[0] > 0) watched[watches[0]] = internalPath;
+    if (watches[1] > 0) watched[watches[1]] = externalPath;
+}
+
+// True when the read holds file events and each is on a file that now holds what the daemon
+// itself renamed there (a save or a copy): no edit of the user's, nothing to reload. `rearm`
+// tells whether one of them was on a live watch, which the rename ended.
+bool onlyOwnReplacements(const char* buffer, size_t length, const WatchedFiles& watched,
+                         const int (&watches)[2], bool* rearm) {
+    bool seen = false;
+    *rearm = false;
+    struct inotify_event event;
+    for (size_t offset = 0; offset + kEventHeaderSize <= length;
+         offset += kEventHeaderSize + event.len) {
+        memcpy(&event, buffer + offset, kEventHeaderSize);
+        if ((event.mask & IN_IGNORED) != 0 || ((event.mask & 0xFFFF) & kReactionMask) == 0) {
+            continue;
+        }
+        auto file = watched.find(event.wd);
+        if (file == watched.end() || !vigild::storage::isOwnReplacement(file->second)) {
+            return false;
+        }
+        seen = true;
+        *rearm = *rearm || event.wd == watches[0] || event.wd == watches[1];
+    }
+    return seen;
+}
+
+void forgetEndedWatches(const char* buffer, size_t length, WatchedFiles& watched) {
+    struct inotify_event event;
+    for (size_t offset = 0; offset + kEventHeaderSize <= length;
+         offset += kEventHeaderSize + event.len) {
+        memcpy(&event, buffer + offset, kEventHeaderSize);
+        if ((event.mask & IN_IGNORED) != 0) watched.erase(event.wd);
+    }
+}
 }  // namespace
 
 void watchConfigFileChange() {
@@ -147,12 +192,26 @@ void watchConfigFileChange() {
     if (addFileObserver(internalPath, externalPath, fd, watches[0], watches[1]) < 0) {
         LOGE("watchConfigFileChange :: observer error ");
     }
+    WatchedFiles watched;
+    noteWatches(watched, watches, internalPath, externalPath);
 
     alignas(struct inotify_event) char buffer[kWatchReadSize];
     while (exitRequested == 0) {
         ssize_t length = fd >= 0 ? read(fd, buffer, sizeof(buffer)) : -1;
         bool matched = false;
-        if (length >= static_cast<ssize_t>(kEventHeaderSize)) {
+        bool rearm = false;
+        if (length >= static_cast<ssize_t>(kEventHeaderSize) &&
+            onlyOwnReplacements(buffer, static_cast<size_t>(length), watched, watches, &rearm)) {
+            // The daemon's own rename ended the watch: watch the new file, reload nothing.
+            if (rearm) {
+                removeWatch(fd, watches[0]);
+                removeWatch(fd, watches[1]);
+                if (addFileObserver(internalPath, externalPath, fd, watches[0], watches[1]) < 0) {
+                    LOGE("watchConfigFileChange :: observer error ");
+                }
+                noteWatches(watched, watches, internalPath, externalPath);
+            }
+        } else if (length >= static_cast<ssize_t>(kEventHeaderSize)) {
             // Every step looks at one record of the read, the first; only the step length
             // comes from it. A burst of records may therefore reload more than once.
             struct inotify_event first;
@@ -174,8 +233,10 @@ void watchConfigFileChange() {
                 if (addFileObserver(internalPath, externalPath, fd, watches[0], watches[1]) < 0) {
                     LOGE("watchConfigFileChange :: observer error ");
                 }
+                noteWatches(watched, watches, internalPath, externalPath);
             }
         }
+        if (length > 0) forgetEndedWatches(buffer, static_cast<size_t>(length), watched);
         // Running modules follow a changed file only when this read actually changed it.
         if (matched && runState == kStateRunning) {
             {
@@ -210,7 +271,7 @@ void watchConfig() {
     if (root != kInternalRoot) {
         folder = root + kTellwickFolder;
         file = root + kConfigFileName;
-        vigild::fs::mkdir(folder.c_str(), 0777);
+        vigild::storage::Entry(folder).mkdir(0777);
     } else {
         folder = isTellwickSecureModeEnabled() ? kSecureFolder : kInternalFolder;
         file = kInternalConfigFile;

@@ -1,5 +1,8 @@
 #include "platform/platform.h"
 
+#include <fcntl.h>
+#include <unistd.h>
+
 #include <atomic>
 #include <cstdlib>
 #include <cstdio>
@@ -9,6 +12,20 @@ namespace {
 Platform gPlatform;
 bool gInstalled = false;
 std::atomic<SyncPointHandler> gSyncPoint{nullptr};
+
+class SystemFiles : public Files {
+public:
+    ssize_t write(int fd, const void* data, size_t size) override {
+        return ::write(fd, data, size);
+    }
+    ssize_t copyRange(int in, int out, size_t size) override {
+        return ::copy_file_range(in, nullptr, out, nullptr, size, 0);
+    }
+    int fsync(int fd) override { return ::fsync(fd); }
+    int renameat(int fromDir, const char* from, int toDir, const char* to) override {
+        return ::renameat(fromDir, from, toDir, to);
+    }
+};
 } // namespace
 
 Platform& current() {
@@ -20,7 +37,9 @@ Platform& current() {
 }
 
 void install(const Platform& platform) {
+    static SystemFiles systemFiles;
     gPlatform = platform;
+    if (gPlatform.files == nullptr) gPlatform.files = &systemFiles;
     gInstalled = true;
 }
 

@@ -104,6 +104,18 @@ public:
     virtual std::shared_ptr<Binder> getService(const std::string& name) = 0;
 };
 
+// The calls that put file data on storage, so a test can fail any one of them (a full disk,
+// an I/O error) or stop the daemon there. Results and errno as the system calls'.
+class Files {
+public:
+    virtual ~Files() = default;
+    virtual ssize_t write(int fd, const void* data, size_t size) = 0;
+    // copy_file_range(2) from and to the descriptors' own offsets.
+    virtual ssize_t copyRange(int in, int out, size_t size) = 0;
+    virtual int fsync(int fd) = 0;
+    virtual int renameat(int fromDir, const char* from, int toDir, const char* to) = 0;
+};
+
 // The backend in force. Members are never null once installed, except `services`, which is
 // null when the device has no service manager (defaultServiceManager() returned null).
 struct Platform {
@@ -113,6 +125,8 @@ struct Platform {
     Clock* clock = nullptr;
     Processes* processes = nullptr;
     Loader* loader = nullptr;
+    // Null at install: the system calls (both backends use them; tests put faults in).
+    Files* files = nullptr;
     // Asked anew on every lookup, so a service manager that appears later is found.
     ServiceManager* (*serviceManager)() = nullptr;
 };

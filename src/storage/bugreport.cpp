@@ -18,6 +18,7 @@
 #include "platform/platform.h"
 #include "service/ivd_service.h"
 #include "storage/storage_root.h"
+#include "storage/tree.h"
 #include "storage/utility.h"
 
 namespace {
@@ -115,6 +116,12 @@ bool isToolArchive(const std::string& source) {
     return true;
 }
 
+// The tool's own folder may be a link the system made; below a storage root nothing is.
+int removeArchive(const std::string& source) {
+    if (startsWithSdcardOrStorage(source)) return vigild::storage::Entry(source).remove();
+    return vigild::fs::unlink(source.c_str());
+}
+
 // Moves the archive into the log folder and tells the service how that went.
 void fileArchive(const std::string& path, Ivd_service& service) {
     std::string root = getDefaultDirectory();
@@ -142,7 +149,7 @@ void fileArchive(const std::string& path, Ivd_service& service) {
     }
     // The source goes whether or not the copy worked: bug reports are large.
     // unlink, not remove: a link put in its place goes as a link, a folder stays.
-    if (vigild::fs::unlink(source.c_str()) == 0) {
+    if (removeArchive(source) == 0) {
         LOGI("Tw Bugreport::File deleted successfully from src path");
     } else {
         LOGE("Tw Bugreport::File deletion failed from src path ==  %s", strerror(errno));

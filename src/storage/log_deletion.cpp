@@ -23,6 +23,7 @@
 #include "platform/fs.h"
 #include "service/ivd_service.h"
 #include "storage/storage_root.h"
+#include "storage/tree.h"
 #include "storage/utility.h"
 
 namespace {
@@ -35,71 +36,10 @@ constexpr int kOpenDirFlags = O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
 // way (the removal itself works on the entry, never on the cut text).
 constexpr int kEntryPathSize = 1035;
 
-// The components of a device path; false when one of them is "..".
-bool splitDevicePath(const std::string& path, std::vector<std::string>& parts) {
-    parts.clear();
-    size_t pos = 0;
-    while (pos < path.size()) {
-        size_t next = path.find('/', pos);
-        if (next == std::string::npos) next = path.size();
-        std::string part = path.substr(pos, next - pos);
-        if (part == "..") return false;
-        if (!part.empty() && part != ".") parts.push_back(std::move(part));
-        pos = next + 1;
-    }
-    return true;
-}
-
-// "/sdcard", "/storage" and a card's folder may be links the system made; everything below
-// them is user-writable and never followed.
-bool isTrustedComponent(const std::vector<std::string>& parts, size_t index) {
-    if (index == 0) return parts[0] == "sdcard" || parts[0] == "storage";
-    return index == 1 && parts[0] == "storage";
-}
-
-// The directory made of the first `count` components, opened one component at a time from
-// the device's "/", so a link planted anywhere along a log path is never followed. -1 on
-// failure.
-int openComponents(const std::vector<std::string>& parts, size_t count) {
-    int dir = vigild::fs::open("/", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-    for (size_t i = 0; i < count && dir >= 0; i++) {
-        int flags = kOpenDirFlags;
-        if (isTrustedComponent(parts, i)) flags &= ~O_NOFOLLOW;
-        int next = ::openat(dir, parts[i].c_str(), flags);
-        ::close(dir);
-        dir = next;
-    }
-    return dir;
-}
-
-// The folder holding a device path's last component, and that component.
-struct Parent {
-    int fd = -1;
-    std::string name;
-    bool trusted = false;
-
-    explicit Parent(const std::string& devicePath) {
-        std::vector<std::string> parts;
-        if (!splitDevicePath(devicePath, parts) || parts.empty()) return;
-        fd = openComponents(parts, parts.size() - 1);
-        name = parts.back();
-        trusted = isTrustedComponent(parts, parts.size() - 1);
-    }
-    ~Parent() {
-        if (fd >= 0) ::close(fd);
-    }
-    Parent(const Parent&) = delete;
-    Parent& operator=(const Parent&) = delete;
-
-    bool lstat(struct stat& st) const {
-        return fd >= 0 && ::fstatat(fd, name.c_str(), &st, AT_SYMLINK_NOFOLLOW) == 0;
-    }
-};
-
 // A directory reached without passing through a link.
 bool isRealDirectory(const std::string& devicePath) {
     struct stat st;
-    return Parent(devicePath).lstat(st) && S_ISDIR(st.st_mode);
+    return vigild::storage::Entry(devicePath).lstat(st) && S_ISDIR(st.st_mode);
 }
 
 enum class EntryKind { kDirectory, kOther, kGone };
@@ -111,9 +51,7 @@ enum class EntryKind { kDirectory, kOther, kGone };
 class Dir {
   public:
     static Dir openTop(const std::string& devicePath) {
-        std::vector<std::string> parts;
-        if (!splitDevicePath(devicePath, parts)) return Dir(-1);
-        return Dir(openComponents(parts, parts.size()));
+        return Dir(vigild::storage::openFolder(devicePath));
     }
     Dir openChild(const char* name) const { return Dir(::openat(fd_, name, kOpenDirFlags)); }
 
@@ -189,10 +127,10 @@ class Dir {
 // remove() of a top folder given by path, never through a link on the way to it; a storage
 // root itself is never removed.
 void removeTop(const std::string& devicePath) {
-    Parent parent(devicePath);
+    vigild::storage::Entry top(devicePath);
     struct stat st;
-    if (parent.trusted || !parent.lstat(st)) return;
-    ::unlinkat(parent.fd, parent.name.c_str(), S_ISDIR(st.st_mode) ? AT_REMOVEDIR : 0);
+    if (top.trusted() || !top.lstat(st)) return;
+    top.remove(S_ISDIR(st.st_mode) ? AT_REMOVEDIR : 0);
 }
 
 int deleteUnsecureLevel(Dir& dir, const std::string& folder, int type, int depth, const Dir* parent,

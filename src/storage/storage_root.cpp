@@ -12,11 +12,12 @@
 #include <regex>
 
 #include "core/log.h"
-#include "platform/fs.h"
 #include "core/thread_annotations.h"
+#include "platform/fs.h"
 #include "platform/platform.h"
 #include "service/ivd_service.h"
 #include "storage/log_deletion.h"
+#include "storage/tree.h"
 #include "storage/utility.h"
 
 namespace {
@@ -140,7 +141,7 @@ std::string getDefaultDirectory() {
                     mkdir_all(created.c_str());
                     mkdir_all(cardRoot.c_str());
                 }
-                if (vigild::fs::isDirectory(created.c_str())) {
+                if (vigild::storage::isRealFolder(created.c_str())) {
                     setprop(kStoragePathProp, cardRoot.c_str());
                     return gExternalRoot;
                 }
@@ -161,13 +162,15 @@ std::string getDefaultDirectory() {
         check = std::string(kInternalRoot) + kSecureLogFolder;
         mkdir_all(check.c_str());
         getprop(gPropScratch, "ro.tandril.platform.name", "UNKNOWN");
-        if (strcmp(gPropScratch, "cedar") != 0) {
-            // The companion app reads the secure folder under its own group.
+        // The companion app reads the secure folder under its own group. The command follows
+        // a link given as its top folder: one planted there is not handed to it.
+        if (strcmp(gPropScratch, "cedar") != 0 &&
+            vigild::storage::isRealFolder("/sdcard/Android/data/com.tandril.tellwick/")) {
             ExecuteCommandToString(
                 "chown -R system:ext_data_rw /sdcard/Android/data/com.tandril.tellwick/");
         }
     }
-    if (vigild::fs::isDirectory(check.c_str())) return gStoragePath;
+    if (vigild::storage::isRealFolder(check.c_str())) return gStoragePath;
 
     LOGD("getDefaultDirectory returning /sdcard/");
     return kInternalRoot;

@@ -2,7 +2,6 @@
 
 #include <dirent.h>
 #include <fcntl.h>
-#include <sys/sendfile.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -17,6 +16,7 @@
 #include "core/log.h"
 #include "platform/fs.h"
 #include "platform/platform.h"
+#include "storage/tree.h"
 
 namespace {
 
@@ -27,90 +27,10 @@ constexpr size_t kEntryPathSize = 1035;
 // Directories held open at once by remove_all; deeper levels are reopened through "..".
 constexpr size_t kMaxOpenDirs = 64;
 
-// Closes a descriptor when it goes out of scope.
-class UniqueFd {
-  public:
-    explicit UniqueFd(int fd = -1) : fd_(fd) {}
-    ~UniqueFd() { reset(); }
-    UniqueFd(const UniqueFd&) = delete;
-    UniqueFd& operator=(const UniqueFd&) = delete;
-    int get() const { return fd_; }
-    int release() {
-        int fd = fd_;
-        fd_ = -1;
-        return fd;
-    }
-    void reset(int fd = -1) {
-        if (fd_ >= 0) {
-            int saved = errno;
-            ::close(fd_);
-            errno = saved;
-        }
-        fd_ = fd;
-    }
-
-  private:
-    int fd_;
-};
-
-// A device path cut into its components; "." is dropped.
-struct SplitPath {
-    std::vector<std::string> parts;
-    bool valid = true;  // false when a component is ".."
-};
-
-SplitPath splitPath(std::string_view path) {
-    SplitPath out;
-    size_t pos = 0;
-    while (pos < path.size()) {
-        size_t next = path.find('/', pos);
-        if (next == std::string_view::npos) next = path.size();
-        std::string_view part = path.substr(pos, next - pos);
-        if (part == "..") out.valid = false;
-        if (!part.empty() && part != ".") out.parts.emplace_back(part);
-        pos = next + 1;
-    }
-    return out;
-}
-
-// The storage roots themselves may be links the system made ("/sdcard" points into
-// "/storage/" on a device); everything below them is user-writable and never followed.
-bool isTrustedComponent(const std::vector<std::string>& parts, size_t index) {
-    if (index == 0) return parts[0] == "sdcard" || parts[0] == "storage";
-    return index == 1 && parts[0] == "storage";
-}
-
-int openFlagsFor(const std::vector<std::string>& parts, size_t index) {
-    int flags = O_RDONLY | O_DIRECTORY | O_CLOEXEC;
-    if (!isTrustedComponent(parts, index)) flags |= O_NOFOLLOW;
-    return flags;
-}
-
-// Opens the directory made of the first `count` components, walking from the device's "/"
-// one component at a time, so a link planted under a storage root is never followed.
-// Creates missing components with mode 0777 when `create` is set. -1 with errno on failure.
-int openComponents(const std::vector<std::string>& parts, size_t count, bool create) {
-    UniqueFd dir(vigild::fs::open("/", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-    if (dir.get() < 0) return -1;
-    for (size_t i = 0; i < count; i++) {
-        if (create && ::mkdirat(dir.get(), parts[i].c_str(), 0777) != 0 && errno != EEXIST) {
-            return -1;
-        }
-        int next = ::openat(dir.get(), parts[i].c_str(), openFlagsFor(parts, i));
-        if (next < 0) {
-            // O_DIRECTORY reports a link as ENOTDIR; name it for what it is.
-            struct stat st;
-            if (errno == ENOTDIR &&
-                ::fstatat(dir.get(), parts[i].c_str(), &st, AT_SYMLINK_NOFOLLOW) == 0 &&
-                S_ISLNK(st.st_mode)) {
-                errno = ELOOP;
-            }
-            return -1;
-        }
-        dir.reset(next);
-    }
-    return dir.release();
-}
+using vigild::storage::isTrustedComponent;
+using vigild::storage::SplitPath;
+using vigild::storage::splitPath;
+using vigild::storage::UniqueFd;
 
 // Removes one entry of `dirFd` as remove() would, but never through a link.
 int removeEntry(int dirFd, const char* name, bool trusted) {
@@ -251,47 +171,6 @@ int removeTree(int fd, const std::string& path) {
     }
 }
 
-// Copies what is left of `in` into `out`: copy_file_range, then sendfile, then read/write.
-bool copyContents(int in, int out) {
-    constexpr size_t kChunk = 1 << 30;
-    bool useRange = true;
-    bool useSendfile = true;
-    while (true) {
-        ssize_t n;
-        if (useRange) {
-            n = ::copy_file_range(in, nullptr, out, nullptr, kChunk, 0);
-            if (n < 0 && (errno == EXDEV || errno == EINVAL || errno == ENOSYS ||
-                          errno == EOPNOTSUPP || errno == EPERM || errno == EBADF)) {
-                useRange = false;
-                continue;
-            }
-        } else if (useSendfile) {
-            n = ::sendfile(out, in, nullptr, kChunk);
-            if (n < 0 && (errno == EINVAL || errno == ENOSYS)) {
-                useSendfile = false;
-                continue;
-            }
-        } else {
-            char buffer[65536];
-            n = ::read(in, buffer, sizeof(buffer));
-            if (n > 0) {
-                const char* p = buffer;
-                ssize_t left = n;
-                while (left > 0) {
-                    ssize_t w = ::write(out, p, static_cast<size_t>(left));
-                    if (w < 0 && errno == EINTR) continue;
-                    if (w <= 0) return false;
-                    p += w;
-                    left -= w;
-                }
-            }
-        }
-        if (n < 0 && errno == EINTR) continue;
-        if (n < 0) return false;
-        if (n == 0) return true;
-    }
-}
-
 }  // namespace
 
 int getprop(char* value, const char* key, const char* defaultValue) {
@@ -331,7 +210,7 @@ char* fileReader(const char* path) {
     };
     if (path == nullptr) return empty();
     // Non-blocking so that a FIFO planted in place of a file cannot hang the reader.
-    UniqueFd fd(vigild::fs::open(path, O_RDONLY | O_NONBLOCK | O_NOFOLLOW | O_CLOEXEC));
+    UniqueFd fd(vigild::storage::Entry(path).open(O_RDONLY | O_NONBLOCK));
     if (fd.get() < 0) {
         LOGE("fileReader::could not open %s: %s", path, strerror(errno));
         return empty();
@@ -420,46 +299,24 @@ bool copyFile(const std::string& source, const std::string& destination) {
     }
     ::fcntl(in.get(), F_SETFL, 0);
 
-    SplitPath dest = splitPath(destination);
-    UniqueFd parent;
-    UniqueFd out;
-    if (!dest.valid || dest.parts.empty()) {
-        errno = EINVAL;
-    } else {
-        parent.reset(openComponents(dest.parts, dest.parts.size() - 1, false));
+    vigild::storage::Entry dest(destination);
+    struct stat existing;
+    // A file copied onto itself is already there.
+    if (dest.lstat(existing) && existing.st_dev == st.st_dev && existing.st_ino == st.st_ino) {
+        return true;
     }
-    if (parent.get() >= 0) {
-        const char* name = dest.parts.back().c_str();
-        struct stat existing;
-        if (::fstatat(parent.get(), name, &existing, AT_SYMLINK_NOFOLLOW) == 0) {
-            if (existing.st_dev == st.st_dev && existing.st_ino == st.st_ino) return true;
-            // A plain file keeps its inode, so a watch on it sees a write, not a replacement.
-            if (S_ISREG(existing.st_mode) && existing.st_nlink == 1) {
-                out.reset(::openat(parent.get(), name,
-                                   O_WRONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
-                struct stat opened;
-                if (out.get() >= 0 &&
-                    (::fstat(out.get(), &opened) != 0 || opened.st_ino != existing.st_ino ||
-                     ::ftruncate(out.get(), 0) != 0)) {
-                    out.reset();
-                }
-            }
-            // Anything else (a link, a FIFO, a file with other names) is replaced by a new
-            // file rather than written through.
-            if (out.get() < 0 && !S_ISDIR(existing.st_mode)) ::unlinkat(parent.get(), name, 0);
-        }
-        if (out.get() < 0) {
-            out.reset(::openat(parent.get(), name,
-                               O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0666));
-        }
-    }
-    if (out.get() < 0) {
-        LOGD("Error: Could not open destination file: error == %s ", strerror(errno));
-        return false;
-    }
-    if (!copyContents(in.get(), out.get())) {
-        LOGD("Error: Could not copy file contents to: %s", destination.c_str());
-        return false;
+    // Into a new file renamed over the destination once complete: a full disk or a kill half-way
+    // never leaves a torn configuration, and a link or FIFO in its place is replaced, never
+    // written through.
+    switch (dest.replace([&](int out) { return vigild::storage::copyData(in.get(), out); })) {
+        case vigild::storage::Entry::Replaced::kNotCreated:
+            LOGD("Error: Could not open destination file: error == %s ", strerror(errno));
+            return false;
+        case vigild::storage::Entry::Replaced::kNotWritten:
+            LOGD("Error: Could not copy file contents to: %s", destination.c_str());
+            return false;
+        case vigild::storage::Entry::Replaced::kDone:
+            break;
     }
     return true;
 }
@@ -485,7 +342,7 @@ int mkdir_all(const char* path) {
     }
     if (split.parts.empty()) return 0;  // "/" exists
     size_t last = split.parts.size() - 1;
-    UniqueFd parent(openComponents(split.parts, last, true));
+    UniqueFd parent(vigild::storage::openFolder(split.parts, last, true));
     if (parent.get() < 0) return -1;
     const char* name = split.parts[last].c_str();
     if (::mkdirat(parent.get(), name, 0777) == 0) return 0;
@@ -513,10 +370,12 @@ int remove_all(const char* path) {
         return fd < 0 ? -1 : removeTree(fd, path);
     }
     size_t last = split.parts.size() - 1;
-    UniqueFd parent(openComponents(split.parts, last, false));
+    UniqueFd parent(vigild::storage::openFolder(split.parts, last));
     if (parent.get() < 0) return -1;
     const char* name = split.parts[last].c_str();
-    int fd = ::openat(parent.get(), name, openFlagsFor(split.parts, last));
+    int flags = O_RDONLY | O_DIRECTORY | O_CLOEXEC;
+    if (!isTrustedComponent(split.parts, last)) flags |= O_NOFOLLOW;
+    int fd = ::openat(parent.get(), name, flags);
     int result = fd < 0 ? -1 : removeTree(fd, path);
     removeEntry(parent.get(), name, isTrustedComponent(split.parts, last));
     return result;

@@ -32,8 +32,8 @@ std::string trim(const std::string& text);
 // The part of `text` after the first `pattern`, or "" (with an error line).
 std::string truncateFromSubstring(const std::string& text, const std::string& pattern);
 
-// Byte-exact copy of a regular file. Never follows a symlink at the destination and never
-// writes through one; uses the kernel's copy path.
+// Byte-exact copy of a regular file into a new file renamed over the destination once it is
+// complete, so the destination is never torn; no link on the way to it is followed.
 bool copyFile(const std::string& source, const std::string& destination);
 // mkdir -p with mode 0777; 0 or -1 with errno set (ENAMETOOLONG for 4096 bytes or more).
 int mkdir_all(const char* path);

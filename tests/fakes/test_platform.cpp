@@ -1,5 +1,6 @@
 #include "fakes/test_platform.h"
 
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cstdlib>
@@ -11,8 +12,8 @@
 #include <thread>
 
 #include "core/daemon_state.h"
-#include "platform/platform.h"
 #include "core/debug_singleton.h"
+#include "platform/platform.h"
 
 namespace vigild::testing {
 
@@ -151,6 +152,45 @@ std::vector<std::string> RecordingProcesses::commands() const {
     return commands_;
 }
 
+void FaultyFiles::arm(int nth, int error, Fault fault) {
+    error_ = error;
+    fault_ = fault;
+    calls_ = 0;
+    nth_ = nth;
+}
+
+bool FaultyFiles::faultHere(const std::function<void()>& half) {
+    if (++calls_ != nth_.load()) return false;
+    if (half) half();
+    if (fault_ == Fault::kStop) throw StoppedHere{};
+    errno = error_;
+    return true;
+}
+
+ssize_t FaultyFiles::write(int fd, const void* data, size_t size) {
+    if (faultHere([&] { (void)!::write(fd, data, size / 2); })) return -1;
+    return ::write(fd, data, size);
+}
+
+ssize_t FaultyFiles::copyRange(int in, int out, size_t size) {
+    auto half = [&] {
+        struct stat st;
+        off_t at = lseek(in, 0, SEEK_CUR);
+        if (fstat(in, &st) == 0 && at >= 0 && st.st_size > at) {
+            (void)!::copy_file_range(in, nullptr, out, nullptr,
+                                     static_cast<size_t>(st.st_size - at) / 2, 0);
+        }
+    };
+    if (faultHere(half)) return -1;
+    return ::copy_file_range(in, nullptr, out, nullptr, size, 0);
+}
+
+int FaultyFiles::fsync(int fd) { return faultHere() ? -1 : ::fsync(fd); }
+
+int FaultyFiles::renameat(int fromDir, const char* from, int toDir, const char* to) {
+    return faultHere() ? -1 : ::renameat(fromDir, from, toDir, to);
+}
+
 namespace {
 
 std::string makeTempRoot() {
@@ -176,6 +216,7 @@ TestPlatform::TestPlatform()
     p.clock = &clock_;
     p.processes = processes_.get();
     p.loader = &loader_;
+    p.files = &files_;
     p.serviceManager = testServiceManager;
     gActive = this;
     platform::install(p);
@@ -254,7 +295,7 @@ bool finishesWithin(std::function<void()> fn, std::chrono::milliseconds timeout)
 namespace {
 std::string gSyncName;
 std::function<void()> gSyncAction;
-} // namespace
+}  // namespace
 
 AtSyncPoint::AtSyncPoint(std::string name, std::function<void()> action) {
     gSyncName = std::move(name);

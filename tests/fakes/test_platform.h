@@ -7,6 +7,7 @@
 #pragma once
 
 #include <atomic>
+#include <cerrno>
 #include <chrono>
 #include <deque>
 #include <functional>
@@ -96,6 +97,35 @@ private:
     std::vector<std::string> commands_;
 };
 
+// Thrown by FaultyFiles in place of a kill: nothing after the stop runs but destructors.
+struct StoppedHere {};
+
+// The system's file data calls with one fault to put in: the nth call counted from arm()
+// (write, copyRange, fsync or renameat) fails with `error` after writing half of what it was
+// given, as a disk that fills half-way, or stops the caller there (throws StoppedHere).
+class FaultyFiles : public platform::Files {
+public:
+    enum class Fault { kFail, kStop };
+    // nth 0: no fault, only counting.
+    void arm(int nth, int error = ENOSPC, Fault fault = Fault::kFail);
+    // Calls since the last arm().
+    int calls() const { return calls_.load(); }
+
+    ssize_t write(int fd, const void* data, size_t size) override;
+    ssize_t copyRange(int in, int out, size_t size) override;
+    int fsync(int fd) override;
+    int renameat(int fromDir, const char* from, int toDir, const char* to) override;
+
+private:
+    // True when this call is the one to fail; a stop throws here, after `half` ran.
+    bool faultHere(const std::function<void()>& half = nullptr);
+
+    std::atomic<int> calls_{0};
+    std::atomic<int> nth_{0};
+    int error_ = 0;
+    Fault fault_ = Fault::kFail;
+};
+
 class TestPlatform {
 public:
     TestPlatform();
@@ -111,6 +141,7 @@ public:
     RecordingLog& log() { return log_; }
     VirtualClock& clock() { return clock_; }
     RecordingProcesses& processes() { return *processes_; }
+    FaultyFiles& files() { return files_; }
     // The socket service manager, present when "/dev/binder/" exists under the root.
     platform::ServiceManager* servicesIfPresent() {
         return services_.exists() ? &services_ : nullptr;
@@ -137,6 +168,7 @@ private:
     std::unique_ptr<RecordingProcesses> processes_;
     platform::host::HostLoader loader_;
     platform::host::SocketServiceManager services_;
+    FaultyFiles files_;
 };
 
 // Runs `fn` on a thread and gives up after `timeout` of real time: for tests of loops that
@@ -155,4 +187,4 @@ private:
     static void handle(const char* name);
 };
 
-} // namespace vigild::testing
+}  // namespace vigild::testing

@@ -2,23 +2,17 @@
 // and retry, log path upkeep, and the deploy permission asked of the service.
 #include "config/config_file.h"
 
-#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <jansson.h>
-#include <signal.h>
-#include <sys/mount.h>
 #include <sys/stat.h>
-#include <sys/statvfs.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
-#include <atomic>
-#include <chrono>
+#include <algorithm>
 #include <cstring>
+#include <filesystem>
+#include <functional>
 #include <memory>
-#include <random>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "config/config_validation.h"
@@ -29,7 +23,10 @@
 #include "core/module_registry.h"
 #include "fakes/fake_module.h"
 #include "fakes/test_platform.h"
+#include "quicktap/quicktap.h"
 #include "standin/standin_service.h"
+#include "storage/log_deletion.h"
+#include "storage/storage_root.h"
 
 namespace {
 
@@ -89,10 +86,14 @@ class ConfigFileTest : public ::testing::Test {
         modules_.add("BlobModule");
         for (size_t i = 0; i < count; i++) addSetting(names[i].c_str(), "string", "d");
     }
-    ino_t inode(const std::string& devicePath) {
-        struct stat st = {};
-        EXPECT_EQ(lstat(p_.hostPath(devicePath).c_str(), &st), 0);
-        return st.st_ino;
+    // The names in the configuration file's folder, sorted.
+    std::vector<std::string> folderEntries(const std::string& folder = "/sdcard/Tellwick") {
+        std::vector<std::string> names;
+        for (const auto& e : std::filesystem::directory_iterator(p_.hostPath(folder))) {
+            names.push_back(e.path().filename());
+        }
+        std::sort(names.begin(), names.end());
+        return names;
     }
     void linkToElsewhere(const std::string& devicePath) {
         p_.writeFile("/sdcard/elsewhere.txt", "precious");
@@ -105,7 +106,7 @@ class ConfigFileTest : public ::testing::Test {
     vigild::testing::FakeModules modules_;
 };
 
-TEST_F(ConfigFileTest, SaveRewritesInPlaceLeavesNoCopyAndNeverWritesThroughALink) {
+TEST_F(ConfigFileTest, SaveReplacesTheFileWholeLeavesNothingBesideAndNeverWritesThroughALink) {
     saveFile(kConfigPath, "first");
     EXPECT_TRUE(p_.log().contains("Error opening file : /sdcard/Tellwick/config.json errno : 2",
                                   kLogError));
@@ -113,12 +114,9 @@ TEST_F(ConfigFileTest, SaveRewritesInPlaceLeavesNoCopyAndNeverWritesThroughALink
 
     p_.makeDir("/sdcard/Tellwick/");
     saveFile(kConfigPath, "a longer first text");
-    ino_t before = inode(kConfigPath);
     saveFile(kConfigPath, "second");
     EXPECT_EQ(p_.readFile(kConfigPath), "second");
-    EXPECT_EQ(inode(kConfigPath), before);
-    EXPECT_FALSE(p_.exists(kCopy));
-    EXPECT_FALSE(p_.exists(kPartial));
+    EXPECT_EQ(folderEntries(), std::vector<std::string>{"config.json"});
     saveFile(kConfigPath, nullptr);
     EXPECT_EQ(p_.readFile(kConfigPath), "second");
 
@@ -128,7 +126,6 @@ TEST_F(ConfigFileTest, SaveRewritesInPlaceLeavesNoCopyAndNeverWritesThroughALink
     EXPECT_EQ(p_.readFile("/sdcard/elsewhere.txt"), "precious");
     EXPECT_TRUE(p_.log().contains("Error opening file : /sdcard/Tellwick/config.json errno : 40",
                                   kLogError));
-    EXPECT_FALSE(p_.exists(kCopy));
 }
 
 TEST_F(ConfigFileTest, ACopyLeftByAnInterruptedSaveIsTakenBack) {
@@ -136,10 +133,7 @@ TEST_F(ConfigFileTest, ACopyLeftByAnInterruptedSaveIsTakenBack) {
         const char *what, *file, *copy, *partial, *expected;  // null: absent
     };
     const Case cases[] = {
-        {"file not yet touched", "old", "new text", nullptr, "new text"},
-        {"file torn", "new", "new text", nullptr, "new text"},
-        {"file longer and torn", "new text and old tail", "new text", nullptr, "new text"},
-        {"file not yet created", nullptr, "new text", nullptr, "new text"},
+        {"file torn", "new text and old tail", "new text", nullptr, "new text"},
         {"copy never finished", "old", nullptr, "new t", "old"},
         {"empty copy", "old", "", nullptr, "old"},
     };
@@ -150,37 +144,15 @@ TEST_F(ConfigFileTest, ACopyLeftByAnInterruptedSaveIsTakenBack) {
         if (c.file) p_.writeFile(kConfigPath, c.file);
         if (c.copy) p_.writeFile(kCopy, c.copy);
         if (c.partial) p_.writeFile(kPartial, c.partial);
-        ino_t before = c.file ? inode(kConfigPath) : 0;
         EXPECT_EQ(takeLeftConfigCopy(kConfigPath), kConfigPath);
         EXPECT_EQ(p_.readFile(kConfigPath), c.expected);
-        if (c.file) {
-            EXPECT_EQ(inode(kConfigPath), before);
-        }
-        EXPECT_FALSE(p_.exists(kCopy));
-        EXPECT_FALSE(p_.exists(kPartial));
+        EXPECT_EQ(folderEntries(), std::vector<std::string>{"config.json"});
     }
     // A link in the copy's place is not ours: it goes, its target stays.
     linkToElsewhere(kCopy);
     EXPECT_EQ(takeLeftConfigCopy(kConfigPath), kConfigPath);
     EXPECT_EQ(p_.readFile(kConfigPath), "old");
     EXPECT_EQ(p_.readFile("/sdcard/elsewhere.txt"), "precious");
-}
-
-TEST_F(ConfigFileTest, ALoadOnOneThreadNeverSpoilsASaveOnAnother) {
-    p_.makeDir("/sdcard/Tellwick/");
-    const std::string a(4000, 'a'), b(3000, 'b');
-    std::atomic<bool> done{false};
-    std::thread saver([&] {
-        for (int i = 0; i < 20; i++) {
-            vigild::Lock lock(configMutex);
-            saveFile(kConfigPath, (i % 2 ? b : a).c_str());
-        }
-        done = true;
-    });
-    while (!done) EXPECT_EQ(takeLeftConfigCopy(kConfigPath), kConfigPath);
-    saver.join();
-    EXPECT_EQ(p_.log().count("Error writing file : /sdcard/Tellwick/config.json errno : 2"), 0);
-    EXPECT_EQ(p_.readFile(kConfigPath), b);
 }
 
 TEST_F(ConfigFileTest, LoadingMissingValidPartialAndBrokenFiles) {
@@ -334,100 +306,65 @@ TEST_F(ConfigServiceTest, DeployPermissionIsTheServicesAnswer) {
     EXPECT_TRUE(p_.log().contains("Failed to obtain a handle on vd_service", kLogError));
 }
 
-// Fills the file system up to `leave` bytes; returns the filler's host path.
-std::string fillUp(const std::string& folder, size_t leave) {
-    struct statvfs vfs = {};
-    EXPECT_EQ(statvfs(folder.c_str(), &vfs), 0);
-    size_t available = static_cast<size_t>(vfs.f_bavail) * vfs.f_bsize;
-    std::string filler = folder + "/filler";
-    int fd = open(filler.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-    std::string block(available > leave ? available - leave : 0, 'f');
-    EXPECT_EQ(write(fd, block.data(), block.size()), static_cast<ssize_t>(block.size()));
-    close(fd);
-    return filler;
-}
-
-TEST_F(ConfigFileTest, AFullDiskLeavesALoadableFile) {
-    p_.makeDir("/sdcard/Tellwick/");
-    const std::string mountPoint = p_.hostPath("/sdcard/Tellwick");
-    if (mount("tmpfs", mountPoint.c_str(), "tmpfs", 0, "size=64k") != 0) {
-        GTEST_SKIP() << "cannot mount a small tmpfs here: " << strerror(errno);
-    }
+// A full disk, or a stop as by a kill, at each write, sync and rename of every path that
+// writes a file the daemon reads back as its configuration: the file holds all of the old text
+// or all of the new, and loading it never falls back to the defaults.
+TEST_F(ConfigServiceTest, AFailureAtAnyStepOfAConfigurationWriteLeavesAWholeFile) {
+    using Fault = vigild::testing::FaultyFiles::Fault;
     p_.setProperty("persist.sys.vd.storage_path", "/sdcard/");
+    answerDeploy(1);
     makeBlobRegistry();
-    const std::string small = documentOf("s");
-    const std::string big = documentOf(std::string(150, 'B'));
-    saveFile(kConfigPath, small.c_str());
-
-    // No room even for the copy: the file stays as it was.
-    std::string filler = fillUp(mountPoint, 4096);
-    saveFile(kConfigPath, big.c_str());
-    EXPECT_TRUE(p_.log().contains("Error writing file : /sdcard/Tellwick/config.json errno : 28",
-                                  kLogError));
-    EXPECT_EQ(p_.readFile(kConfigPath), small);
-    EXPECT_FALSE(p_.exists(kPartial));
-
-    // Room for the copy but not for the rewrite: the copy is what loads.
-    unlink(filler.c_str());
-    fillUp(mountPoint, big.size() + 4096 * 2);
-    saveFile(kConfigPath, big.c_str());
-    EXPECT_TRUE(p_.exists(kCopy));
-    loadConfigFile(kConfigPath);
-    EXPECT_EQ(uniformValue(), std::string(150, 'B'));
-
-    // Room again: the next load puts the copy back in place.
-    unlink(filler.c_str());
-    EXPECT_EQ(takeLeftConfigCopy(kConfigPath), kConfigPath);
-    EXPECT_FALSE(p_.exists(kCopy));
-    umount2(mountPoint.c_str(), MNT_DETACH);
-}
-
-TEST_F(ConfigFileTest, AKillDuringASaveNeverLeavesATornConfiguration) {
-    makeBlobRegistry(800);
-    p_.setProperty("persist.sys.vd.storage_path", "/sdcard/");
-    p_.makeDir("/sdcard/Tellwick/");
-    // On a tmpfs the writes, not the syncs, take the time, so kills land inside them often.
-    const std::string folder = p_.hostPath("/sdcard/Tellwick");
-    bool mounted = mount("tmpfs", folder.c_str(), "tmpfs", 0, "size=16m") == 0;
-    const std::string valueA(200, 'A'), valueB(150, 'B');  // B shorter: a torn save keeps A's tail
-    const std::string documentA = documentOf(valueA), documentB = documentOf(valueB);
-    saveFile(kConfigPath, documentA.c_str());
-
-    std::mt19937 rng(12345);
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(8);
-    int kills = 0;
-    for (; kills < 60 && std::chrono::steady_clock::now() < deadline; kills++) {
-        int progress[2];
-        ASSERT_EQ(pipe(progress), 0);
-        pid_t child = fork();
-        ASSERT_GE(child, 0);
-        if (child == 0) {
-            close(progress[0]);
-            for (unsigned i = 0;; i++) {
-                saveFile(kConfigPath, (i % 2 ? documentB : documentA).c_str());
-                if (write(progress[1], "x", 1) != 1) _exit(1);
+    const std::string before = documentOf("old"), after = documentOf(std::string(200, 'N'));
+    const std::string secure = std::string("/sdcard/") + kSecureLogFolder + "config.json";
+    const std::string preset = "/sdcard/Tellwick/quicktap/default/config.json";
+    const struct {
+        const char* name;
+        std::string file;
+        bool secure, leftCopy;
+        std::function<void()> write;
+    } paths[] = {
+        {"save", kConfigPath, false, false,
+         [&] {
+             vigild::Lock lock(configMutex);
+             saveFile(kConfigPath, after.c_str());
+         }},
+        {"quicktap switch", kConfigPath, false, false, [] { copyQuickTapConfigFilePath(); }},
+        {"secure copy", secure, true, false, [] { copyConfigFileToSecurePath(kConfigPath); }},
+        {"copy put back", kConfigPath, false, true, [] { takeLeftConfigCopy(kConfigPath); }},
+    };
+    for (const auto& path : paths) {
+        p_.setProperty("persist.sys.vd.secure_mode", path.secure ? "true" : "false");
+        auto prepare = [&] {
+            p_.writeFile(path.file, before);
+            p_.writeFile(path.secure ? kConfigPath : preset, after);
+            if (path.leftCopy) p_.writeFile(kCopy, after);
+        };
+        prepare();
+        p_.files().arm(0);
+        path.write();
+        const int steps = p_.files().calls();
+        ASSERT_EQ(p_.readFile(path.file), after) << path.name;
+        ASSERT_GT(steps, 0) << path.name;
+        for (Fault fault : {Fault::kFail, Fault::kStop}) {
+            for (int step = 1; step <= steps; step++) {
+                SCOPED_TRACE(std::string(path.name) + " step " + std::to_string(step) +
+                             (fault == Fault::kStop ? " stopped" : " failed"));
+                prepare();
+                p_.files().arm(step, ENOSPC, fault);
+                try {
+                    path.write();
+                } catch (const vigild::testing::StoppedHere&) {
+                }
+                p_.files().arm(0);
+                const std::string text = p_.readFile(path.file);
+                EXPECT_TRUE(text == before || text == after) << text.size() << " bytes";
+                p_.log().clear();
+                loadConfigFile(path.file.c_str());
+                EXPECT_FALSE(p_.log().contains("config file load failed, load again"));
+                EXPECT_TRUE(uniformValue() == "old" || uniformValue() == std::string(200, 'N'));
             }
         }
-        close(progress[1]);
-        // Let a few saves finish, then kill at a random moment of the next one.
-        char byte;
-        for (int i = static_cast<int>(rng() % 3); i > 0; i--) {
-            ASSERT_EQ(read(progress[0], &byte, 1), 1);
-        }
-        auto until = std::chrono::steady_clock::now() + std::chrono::microseconds(rng() % 500);
-        while (std::chrono::steady_clock::now() < until) {
-        }
-        kill(child, SIGKILL);
-        waitpid(child, nullptr, 0);
-        close(progress[0]);
-
-        loadConfigFile(kConfigPath);
-        std::string loaded = uniformValue();
-        ASSERT_TRUE(loaded == valueA || loaded == valueB) << "after kill " << kills;
-        EXPECT_FALSE(p_.log().contains("config file load failed, load again"));
     }
-    if (mounted) umount2(folder.c_str(), MNT_DETACH);
-    EXPECT_GE(kills, 5);
 }
 
 }  // namespace

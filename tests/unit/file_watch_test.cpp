@@ -14,6 +14,7 @@
 #include <functional>
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "config/config_file.h"
 #include "config/config_validation.h"
@@ -27,6 +28,7 @@
 #include "fakes/test_platform.h"
 #include "quicktap/quicktap.h"
 #include "standin/standin_service.h"
+#include "storage/utility.h"
 
 namespace {
 
@@ -210,16 +212,26 @@ TEST_F(FileWatchTest, DeletedInternalFileIsWrittenBackWithinOnePass) {
     EXPECT_EQ(p.log().count(kFlagLine), 0);
 }
 
-TEST_F(FileWatchTest, PlainRewriteIsIgnoredButReplacementIsLoaded) {
-    const std::string edited = configWithLevel("5");
-    runWatch(2, [&](int) { p.writeFile(kInternalFile, edited); });
-    EXPECT_EQ(p.log().count(kReloadLine), 0);
-    EXPECT_EQ(levelInRegistry(), "1");
-    EXPECT_EQ(p.readFile(kInternalFile), edited);
-
-    exitRequested = 0;
-    runWatch(2, [&](int) { replaceFile(kInternalFile, configWithLevel("7")); });
-    EXPECT_GT(p.log().count(kReloadLine), 0);
+// A plain rewrite is no deletion, and the daemon's own saves and copies (renamed over the
+// watched files) are no edits: none reloads or flags modules, and the watch follows the new
+// files, so a user's replacement afterwards is loaded.
+TEST_F(FileWatchTest, RewritesAndTheDaemonsOwnReplacementsAreIgnoredButAUsersIsLoaded) {
+    insertCard();
+    start();
+    std::vector<int> seen;
+    runWatch(5, [&](int poll) {
+        seen.push_back(p.log().count(kReloadLine) + p.log().count(kFlagLine));
+        if (poll == 1) p.writeFile(kInternalFile, configWithLevel("5"));
+        if (poll == 2) {
+            const std::string text = currentConfig();
+            vigild::Lock lock(configMutex);
+            saveFile(kInternalFile, text.c_str());
+        }
+        if (poll == 3) copyFile(kInternalFile, kCardFile);
+        if (poll == 4) replaceFile(kInternalFile, configWithLevel("7"));
+    });
+    EXPECT_EQ(seen, (std::vector<int>{0, 0, 0, 0}));
+    EXPECT_EQ(p.log().count(kFlagLine), 1);
     EXPECT_EQ(levelInRegistry(), "7");
 }
 

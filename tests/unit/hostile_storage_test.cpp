@@ -5,7 +5,6 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <stdio.h>
-#include <sys/mount.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -30,9 +29,12 @@
 #include "core/module_registry.h"
 #include "fakes/fake_module.h"
 #include "fakes/test_platform.h"
+#include "quicktap/quicktap.h"
 #include "standin/standin_service.h"
 #include "storage/bugreport.h"
 #include "storage/log_deletion.h"
+#include "storage/storage_root.h"
+#include "storage/tree.h"
 #include "storage/utility.h"
 
 namespace {
@@ -177,36 +179,76 @@ TEST_F(HostileStorageTest, FolderSwappedForALinkDuringAWalkNeverReachesOutside) 
     EXPECT_EQ(openDescriptors(), fdsBefore);
 }
 
-TEST_F(HostileStorageTest, LinksPlantedInTheTreeAreRemovedAsLinks) {
-    plantTree();
-    fsys::create_symlink(canary.path() + "/b.txt", p.hostPath("/sdcard/Tellwick/logs/f.txt"));
-    EXPECT_EQ(deleteLogFilesUnsecure("/sdcard/Tellwick/logs", 0), 0);
-    EXPECT_FALSE(p.exists("/sdcard/Tellwick/logs"));
-    plantTree();
-    EXPECT_EQ(deleteUnsecureLogData("/sdcard/Tellwick/logs"), 0);
-    plantTree();
-    EXPECT_EQ(remove_all("/sdcard/Tellwick/logs"), 0);
-    EXPECT_FALSE(p.exists("/sdcard/Tellwick/logs"));
-    // The top folder itself a link: nothing behind it is touched (a deletion may take the
-    // link itself away, as it would a file).
-    const std::string top = p.hostPath("/sdcard/Tellwick/logs");
-    auto relink = [&] {
-        std::error_code ec;
-        fsys::remove(top, ec);
-        fsys::create_directory_symlink(canary.path(), top);
+// A link to the canary put in place of each folder (and of the last entry) below the storage
+// root on the way of every write the daemon makes there: nothing outside is written, removed,
+// created or handed to chown.
+TEST_F(HostileStorageTest, ALinkAtAnyComponentOfAWritePathLeadsNowhere) {
+    const std::string secureFolder = std::string("/sdcard/") + kSecureLogFolder;
+    const std::string appFolder = "/sdcard/Android/data/com.tandril.tellwick";
+    const struct {
+        const char* name;
+        std::string target;  // made before each case; a folder unless `file`
+        bool file;
+        std::function<void()> write;
+    } paths[] = {
+        {"save", "/sdcard/Tellwick/config.json", true,
+         [] { saveFile("/sdcard/Tellwick/config.json", "{}"); }},
+        {"save on a card", "/storage/1A2B-3C4D/Tellwick/config.json", true,
+         [] { saveFile("/storage/1A2B-3C4D/Tellwick/config.json", "{}"); }},
+        {"secure copy", secureFolder + "config.json", true,
+         [] { copyConfigFileToSecurePath("/data/config.json"); }},
+        {"quicktap switch", "/sdcard/Tellwick/config.json", true,
+         [] { copyQuickTapConfigFilePath(); }},
+        {"bug report copy", "/sdcard/Tellwick/TwBugreport-x.zip", true,
+         [] { copyFile("/data/config.json", "/sdcard/Tellwick/TwBugreport-x.zip"); }},
+        {"deletion", "/sdcard/Tellwick/logs/b.txt", true,
+         [] { deleteLogFilesUnsecure("/sdcard/Tellwick/logs", 0); }},
+        {"data deletion", "/sdcard/Tellwick/logs/b.txt", true,
+         [] { deleteUnsecureLogData("/sdcard/Tellwick/logs"); }},
+        {"backup deletion", "/sdcard/Tellwick/SecureBackup1.zip", true,
+         [] { deleteSecureBackup("/sdcard/Tellwick/"); }},
+        {"layout removal", secureFolder + "a.log", true,
+         [] {
+             removeSecureLogs("/sdcard/");
+             deleteLogFilesSecure("/sdcard/", 0);
+         }},
+        {"remove_all", "/sdcard/Tellwick/logs/inner", false,
+         [] { remove_all("/sdcard/Tellwick/logs/inner"); }},
+        {"mkdir_all", "/sdcard/Tellwick/logs/inner", false,
+         [] { mkdir_all("/sdcard/Tellwick/logs/inner/x/"); }},
+        {"chown", appFolder, false,
+         [this] {
+             p.setProperty("persist.sys.vd.secure_mode", "true");
+             getDefaultDirectory();
+         }},
     };
-    p.writeFile("/sdcard/Tellwick/config.json", "{}");
-    relink();
-    EXPECT_EQ(deleteLogFilesUnsecure("/sdcard/Tellwick/logs/", 0), -1);
-    relink();
-    EXPECT_EQ(deleteUnsecureLogData("/sdcard/Tellwick/logs/"), -1);
-    relink();
-    EXPECT_EQ(remove_all("/sdcard/Tellwick/logs/inner"), -1);
-    relink();
-    EXPECT_EQ(mkdir_all("/sdcard/Tellwick/logs/new/"), -1);
-    relink();
-    EXPECT_FALSE(copyFile("/sdcard/Tellwick/config.json", "/sdcard/Tellwick/logs/b.txt"));
-    EXPECT_TRUE(canary.intact());
+    p.writeFile("/data/config.json", "{}");
+    for (const auto& path : paths) {
+        const std::vector<std::string> parts = vigild::storage::splitPath(path.target).parts;
+        std::string planted;
+        for (size_t i = 0; i < parts.size(); i++) {
+            planted += "/" + parts[i];
+            if (vigild::storage::isTrustedComponent(parts, i)) continue;
+            SCOPED_TRACE(std::string(path.name) + ": link at " + planted);
+            std::error_code ec;
+            fsys::remove_all(p.hostPath("/sdcard"), ec);
+            fsys::remove_all(p.hostPath("/storage"), ec);
+            if (path.file) {
+                p.writeFile(path.target, "log");
+            } else {
+                p.makeDir(path.target);
+            }
+            fsys::remove_all(p.hostPath(planted), ec);
+            const bool last = i + 1 == parts.size();
+            fsys::create_symlink(canary.path() + (last && path.file ? "/config.json" : ""),
+                                 p.hostPath(planted));
+            p.setProperty("persist.sys.vd.secure_mode", "false");
+            const size_t commandsBefore = p.processes().commands().size();
+            path.write();
+            EXPECT_TRUE(canary.intact());
+            EXPECT_EQ(p.processes().commands().size(), commandsBefore);
+        }
+    }
 }
 
 // Deep trees: a walk that recursed without a bound would overflow the stack, one that held
@@ -313,19 +355,6 @@ TEST_F(HostileStorageTest, CardRemovedDuringACopy) {
     EXPECT_EQ(p.readFile("/bugreports/bugreport-big.zip").size(), 4u << 20);
     EXPECT_EQ(openDescriptors(), fdsBefore);
     RecordProperty("copies_finished_before_removal", copied);
-}
-
-TEST_F(HostileStorageTest, FullDiskFailsTheCopy) {
-    const std::string mountPoint = p.hostPath("/sdcard/Tellwick");
-    if (mount("tmpfs", mountPoint.c_str(), "tmpfs", 0, "size=64k") != 0) {
-        GTEST_SKIP() << "cannot mount a small tmpfs here: " << strerror(errno);
-    }
-    p.enableDebugLog();
-    p.writeFile("/bugreports/bugreport-big.zip", std::string(1 << 20, 'z'));
-    EXPECT_FALSE(copyFile("/bugreports/bugreport-big.zip", "/sdcard/Tellwick/TwBugreport-big.zip"));
-    EXPECT_TRUE(p.log().contains(
-        "Error: Could not copy file contents to: /sdcard/Tellwick/TwBugreport-big.zip", kLogDebug));
-    umount2(mountPoint.c_str(), MNT_DETACH);
 }
 
 // The bug report tool names its archive; the daemon copies and removes only what can be one:

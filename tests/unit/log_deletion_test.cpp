@@ -114,28 +114,6 @@ TEST_F(LogDeletionTest, MissingPlainOrEmptiedTopFolder) {
     EXPECT_FALSE(p.exists("/sdcard/Tellwick"));
 }
 
-TEST_F(LogDeletionTest, LinkAsOrOnTheWayToTheTopFolderIsNotFollowed) {
-    writeAll("/outside/", {"Tellwick/log.txt", "Tellwick/SecureBackup1.zip"});
-    p.writeFile("/outside/" + kSecure + "a.log", "x");
-    p.makeDir("/sdcard");
-    link("/outside/Tellwick", "/sdcard/Tellwick");
-    link("/outside", "/sdcard/x");
-
-    for (const char* top : {"/sdcard/Tellwick/", "/sdcard/x/Tellwick/"}) {
-        EXPECT_EQ(deleteSecureBackup(top), -1) << top;
-        EXPECT_EQ(deleteUnsecureLogData(top), -1) << top;
-        EXPECT_EQ(deleteLogFilesUnsecure(top, 0), -1) << top;
-    }
-    deleteLogFilesSecure("/sdcard/x/", 0);
-    removeSecureLogs("/sdcard/x/");
-    removeUnsecureLogs("/sdcard/x/");
-    for (const std::string& file : {std::string("Tellwick/log.txt"),
-                                    std::string("Tellwick/SecureBackup1.zip"), kSecure + "a.log"}) {
-        EXPECT_TRUE(p.exists("/outside/" + file)) << file;
-    }
-    EXPECT_TRUE(std::filesystem::is_symlink(p.hostPath("/sdcard/x")));
-}
-
 TEST_F(LogDeletionTest, LogLinesNameEntriesAsFormed) {
     p.writeFile("/sdcard/Tellwick/sub/a.log", "x");
     deleteLogFilesUnsecure("/sdcard/Tellwick/", 0);
