@@ -282,6 +282,7 @@ TEST_F(UtilityTest, CopyFileRefusesBadSourcesAndReportsAShortCopy) {
 TEST_F(UtilityTest, CopyFileNeverWritesThroughALink) {
     p.writeFile("/data/src", "new content");
     p.writeFile("/outside/target", "precious");
+    p.makeDir("/sdcard");
 
     // A hard link at the destination: the other name keeps its content.
     ASSERT_EQ(::link(p.hostPath("/outside/target").c_str(), p.hostPath("/sdcard/hard").c_str()), 0);
