@@ -22,21 +22,21 @@
 #define VD_CONFIG_VALUE_SIZE 256
 
 class Module {
-public:
+  public:
     // One setting. Every value is text: booleans "true"/"false", ints decimal text, lists the
     // decimal index of the chosen entry of `options` ("0" first), strings free text.
     struct config {
-        const char* name; // not owned: a string literal of the module
-        const char* type; // "int", "boolean", "list" or "string" (not owned)
+        const char* name;  // not owned: a string literal of the module
+        const char* type;  // "int", "boolean", "list" or "string" (not owned)
         char defaultValue[VD_CONFIG_VALUE_SIZE];
         char value[VD_CONFIG_VALUE_SIZE];
-        std::vector<const char*> options; // "list" only; not owned
+        std::vector<const char*> options;  // "list" only; not owned
     };
 
     // The settings of one module, in the order they were added. The daemon puts the boolean
     // "Enable Module" first; a module is enabled only while its value is exactly "true".
     struct moduleConfig {
-        const char* moduleName; // getName(), not owned
+        const char* moduleName;  // getName(), not owned
         std::vector<config> configs;
     };
 
@@ -65,16 +65,20 @@ public:
 
     // Declares an int setting, or overwrites the value and default of an existing setting
     // of that name (any type). A value of 256 bytes or more aborts the process.
-    void addConfigInt(moduleConfig& settings, const char* name, char* value) {
+    void addConfigInt(moduleConfig& settings, const char* name, const char* value) {
         addConfigValue(settings, name, "int", value);
     }
     // The same for a boolean.
-    void addConfigBoolean(moduleConfig& settings, const char* name, char* value) {
+    void addConfigBoolean(moduleConfig& settings, const char* name, const char* value) {
         addConfigValue(settings, name, "boolean", value);
     }
+    // The same for free text ("string"). A "Log Path" or "Storage Directory" string is a
+    // folder ending in "/", which the daemon moves below the current storage root when needed.
+    void addConfigString(moduleConfig& settings, const char* name, const char* value) {
+        addConfigValue(settings, name, "string", value);
+    }
     // Declares a list setting with value and default "0"; does nothing when the name exists.
-    void addConfigList(moduleConfig& settings, const char* name,
-                       std::vector<const char*> options) {
+    void addConfigList(moduleConfig& settings, const char* name, std::vector<const char*> options) {
         if (findConfig(settings, name) != nullptr) return;
         config c = {};
         c.name = name;
@@ -95,10 +99,21 @@ public:
         return -1;
     }
 
+    // Reads the first string of that name: 0 and out = its value, or -1 when absent.
+    int getConfigString(const moduleConfig& settings, const char* name, std::string& out) {
+        for (const config& c : settings.configs) {
+            if (sameText(c.name, name) && sameText(c.type, "string")) {
+                out.assign(c.value, strnlen(c.value, VD_CONFIG_VALUE_SIZE));
+                return 0;
+            }
+        }
+        return -1;
+    }
+
     // The settings of the module named "LTSModule", or null when none is loaded.
     moduleConfig* ltsSettings = nullptr;
 
-private:
+  private:
     static config* findConfig(moduleConfig& settings, const char* name) {
         for (config& c : settings.configs) {
             if (sameText(c.name, name)) return &c;

@@ -22,17 +22,12 @@ class ExampleModule : public Module {
     // The daemon has already put "Enable Module" first; add the module's own settings. Names
     // must stay valid for the life of the process: use string literals.
     int init(moduleConfig& settings) override {
-        addConfigInt(settings, "Rotate size (KB)", const_cast<char*>("1024"));
-        addConfigBoolean(settings, "Verbose", const_cast<char*>("false"));
+        addConfigInt(settings, "Rotate size (KB)", "1024");
+        addConfigBoolean(settings, "Verbose", "false");
         addConfigList(settings, "Buffer", {"main", "system", "all"});
-        // Free-text settings have no helper. A "Log Path" is a folder ending in "/"; the daemon
-        // moves it below the current storage root when needed.
-        config path = {};
-        path.name = "Log Path";
-        path.type = "string";
-        strcpy(path.defaultValue, "/sdcard/Tellwick/example/");
-        strcpy(path.value, path.defaultValue);
-        settings.configs.push_back(path);
+        // A "Log Path" is a folder ending in "/"; the daemon moves it below the current storage
+        // root when needed.
+        addConfigString(settings, "Log Path", "/sdcard/Tellwick/example/");
         return 0;
     }
 
@@ -40,6 +35,7 @@ class ExampleModule : public Module {
     // it blocks: this call comes from the daemon's command thread.
     int start(moduleConfig settings) override {
         running_ = isModuleEnabled(settings);
+        getConfigString(settings, "Log Path", folder_);
         return 0;
     }
     int systemTimeChange() override { return 0; }
@@ -65,6 +61,7 @@ class ExampleModule : public Module {
 
   private:
     bool running_ = false;
+    std::string folder_;  // where the logs go, from "Log Path"
 };
 
 }  // namespace

@@ -12,6 +12,7 @@
 
 #include "fakes/daemon_process.h"
 #include "fakes/eventually.h"
+#include "fakes/run_tool.h"
 #include "standin/standin_service.h"
 
 namespace {
@@ -76,6 +77,70 @@ class DaemonE2ETest : public ::testing::Test {
     vigild::testing::DaemonProcess daemon_{std::string(VIGILD_BINARY_DIR) + "/vigild"};
     std::unique_ptr<vdstandin::StandinService> service_;
 };
+
+// What someone bringing the daemon up sees: a misspelt variable named, a rejected file explained
+// and kept, one summary line, reminders at a falling rate while no service answers, and one
+// line once it does.
+TEST_F(DaemonE2ETest, DiagnosticsOfAFirstStart) {
+    service_->stop();
+    const std::string rejected = "{\n  \"Tellwick Settings\": {\"settings\": [,]}\n}\n";
+    fsys::create_directories(daemon_.host("/sdcard/Tellwick"));
+    std::ofstream(daemon_.host(kConfigFile)) << rejected;
+    ASSERT_TRUE(daemon_.launch({"VIGILD_TIME_SCLAE=1"}));
+    auto log = [&] { return daemon_.read("/vigild.stderr"); };
+    ASSERT_TRUE(eventually([&] { return countOf(log(), "still not reachable after 4 min") > 0; },
+                           kTimeout));
+    const std::string text = log();
+    const std::string socket =
+        "socket " + daemon_.root() + "/dev/binder/com.tandril.vd.Ivd_service";
+    EXPECT_EQ(countOf(text, "vd_service not reachable yet; looking for it at " + socket), 1);
+    // After 1, 2 and 4 minutes (8 may just have come), against a line per retry.
+    EXPECT_GE(countOf(text, "vd_service still not reachable after "), 3);
+    EXPECT_LE(countOf(text, "vd_service still not reachable after "), 4);
+    EXPECT_GE(countOf(text, "Waited trying to connect to service again"), 200);
+    EXPECT_EQ(countOf(text,
+                      "vigild: unknown variable VIGILD_TIME_SCLAE is ignored; did you mean "
+                      "VIGILD_TIME_SCALE?"),
+              1);
+    EXPECT_EQ(countOf(text,
+                      "config file /sdcard/Tellwick/config.json rejected: line 2, column 38: "
+                      "not valid JSON: unexpected token near ','; every setting is reset to "
+                      "its default; the rejected file is kept as "
+                      "/sdcard/Tellwick/config.json.rejected"),
+              1);
+    EXPECT_EQ(daemon_.read("/sdcard/Tellwick/config.json.rejected"), rejected);
+    EXPECT_EQ(countOf(text, "vigild 14.0.15.19 started: device root " + daemon_.root() +
+                                "/, storage root /sdcard/ (normal layout, internal), modules: "
+                                "Tellwick Settings 14.0.0.0, LogcatModule 14.0.1.0, QuickTapModule "
+                                "14.0.1.0; skipped: none; companion service: " +
+                                socket),
+              1);
+    startService();
+    EXPECT_TRUE(eventually(
+        [&] { return countOf(log(), "vd_service connected (" + socket + ")") == 1; }, kTimeout));
+}
+
+// A root that cannot be one ends the daemon at once with one line; --help and --version never
+// start it.
+TEST(DaemonCommandLineTest, BadDeviceRootAndTheTwoQuestions) {
+    const std::string vigild = std::string(VIGILD_BINARY_DIR) + "/vigild";
+    const std::pair<std::string, std::string> cases[] = {
+        {"", "vigild: VIGILD_ROOT must be set to the absolute path of the device root"},
+        {"VIGILD_ROOT=/nonexistent/root",
+         "vigild: VIGILD_ROOT /nonexistent/root: No such file or directory"},
+        {"VIGILD_ROOT=" + vigild, "vigild: VIGILD_ROOT " + vigild + ": not a directory"},
+    };
+    std::string out;
+    for (const auto& [env, line] : cases) {
+        EXPECT_EQ(vigild::testing::runTool("env -u VIGILD_ROOT " + env + " " + vigild, "", &out),
+                  2);
+        EXPECT_EQ(out, line + "\n");
+    }
+    EXPECT_EQ(vigild::testing::runTool("env -u VIGILD_ROOT " + vigild, "--version", &out), 0);
+    EXPECT_EQ(out, "vigild 14.0.15.19\n");
+    EXPECT_EQ(vigild::testing::runTool("env -u VIGILD_ROOT " + vigild, "--help", &out), 0);
+    EXPECT_EQ(out.rfind("Usage: vigild", 0), 0u) << out;
+}
 
 TEST_F(DaemonE2ETest, ConfigSetRestartsOnlyTheChangedModule) {
     launchDaemon();
@@ -185,10 +250,16 @@ TEST_F(DaemonE2ETest, ServiceGoingAwayAndComingBack) {
     ASSERT_TRUE(waitForState(1));
 
     service_->stop();
+    // One line for the loss, one for the return; none per retry in between.
+    auto log = [&] { return daemon_.read("/vigild.stderr"); };
+    ASSERT_TRUE(eventually([&] { return countOf(log(), "vd_service lost; looking for it") == 1; },
+                           kTimeout));
     service_ = std::make_unique<vdstandin::StandinService>(daemon_.root());
     ASSERT_TRUE(service_->start());
     ASSERT_TRUE(eventually([&] { return service_->waitingForCommand() > 0; }, kTimeout))
         << "the daemon did not reconnect";
+    EXPECT_EQ(countOf(log(), "vd_service connected ("), 2);
+    EXPECT_EQ(countOf(log(), "vd_service lost; looking for it"), 1);
 
     // The new service believes "stopped"; the daemon's own state wins.
     service_->queueCommand("refresh_state");

@@ -23,8 +23,6 @@ class HelperModule : public vigild::testing::FakeModule {
     HelperModule() : FakeModule("Helper", "14.0.0.0") {}
 };
 
-char* text(const char* s) { return const_cast<char*>(s); }
-
 Module::config* find(Module::moduleConfig& settings, const char* name) {
     for (Module::config& c : settings.configs) {
         if (strcmp(c.name, name) == 0) return &c;
@@ -57,16 +55,16 @@ TEST(ModulePairTest, StartsWithAnEnabledModuleSettingAndTheName) {
 TEST(SettingHelpersTest, AddOverwritesValueAndDefaultButKeepsTheType) {
     HelperModule m;
     Module::moduleConfig s{};
-    m.addConfigInt(s, "Size", text("10"));
+    m.addConfigInt(s, "Size", "10");
     s.configs[0].value[0] = '7';  // a changed current value
-    m.addConfigBoolean(s, "Size", text("true"));
+    m.addConfigBoolean(s, "Size", "true");
     ASSERT_EQ(s.configs.size(), 1u);
     EXPECT_STREQ(s.configs[0].type, "int");
     EXPECT_STREQ(s.configs[0].value, "true");
     EXPECT_STREQ(s.configs[0].defaultValue, "true");
 
-    m.addConfigBoolean(s, "Flag", text("false"));
-    m.addConfigInt(s, "Flag", text("3"));
+    m.addConfigBoolean(s, "Flag", "false");
+    m.addConfigInt(s, "Flag", "3");
     ASSERT_EQ(s.configs.size(), 2u);
     EXPECT_STREQ(s.configs[1].type, "boolean");
     EXPECT_STREQ(s.configs[1].value, "3");
@@ -89,29 +87,36 @@ TEST(SettingHelpersTest, ListStartsAtZeroAndIsNeverRedeclared) {
     EXPECT_STREQ(s.configs[0].options[1], "high");
 
     // A list does not replace a setting of another type either.
-    m.addConfigInt(s, "Count", text("5"));
+    m.addConfigInt(s, "Count", "5");
     m.addConfigList(s, "Count", {"x"});
     EXPECT_STREQ(s.configs[1].type, "int");
     EXPECT_TRUE(s.configs[1].options.empty());
 }
 
-TEST(SettingHelpersTest, GetConfigBooleanReadsOnlyExactTrueOfBooleans) {
+TEST(SettingHelpersTest, GettersReadOnlyTheirOwnTypeAndBooleansOnlyExactTrue) {
     HelperModule m;
     Module::moduleConfig s{};
-    m.addConfigInt(s, "Number", text("true"));
-    m.addConfigBoolean(s, "Flag", text("true"));
+    m.addConfigInt(s, "Number", "true");
+    m.addConfigBoolean(s, "Flag", "true");
     int out = 42;
     EXPECT_EQ(m.getConfigBoolean(s, "Number", out), -1);
     EXPECT_EQ(out, 42);
     EXPECT_EQ(m.getConfigBoolean(s, "Missing", out), -1);
     EXPECT_EQ(out, 42);
+    // Strings the same way: only a "string" of that name.
+    m.addConfigString(s, "Folder", "/sdcard/x/");
+    std::string folder = "kept";
+    EXPECT_EQ(m.getConfigString(s, "Flag", folder), -1);
+    EXPECT_EQ(folder, "kept");
+    EXPECT_EQ(m.getConfigString(s, "Folder", folder), 0);
+    EXPECT_EQ(folder, "/sdcard/x/");
 
     const struct {
         const char* value;
         int expected;
     } rows[] = {{"true", 1}, {"True", 0}, {"TRUE", 0}, {"1", 0}, {"true ", 0}, {"", 0}};
     for (const auto& row : rows) {
-        m.addConfigBoolean(s, "Flag", text(row.value));
+        m.addConfigBoolean(s, "Flag", row.value);
         out = -5;
         EXPECT_EQ(m.getConfigBoolean(s, "Flag", out), 0) << row.value;
         EXPECT_EQ(out, row.expected) << "'" << row.value << "'";
@@ -169,7 +174,7 @@ TEST(SettingHelpersDeathTest, ValuesOf255BytesFitAnd256Abort) {
         {
             HelperModule m;
             Module::moduleConfig s{};
-            m.addConfigBoolean(s, "Bool", text("false"));
+            m.addConfigBoolean(s, "Bool", "false");
             m.addConfigBoolean(s, "Bool", tooLong.data());
         },
         "");

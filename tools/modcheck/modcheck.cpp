@@ -123,6 +123,43 @@ void explainRefusal(const std::vector<std::string>& errors, const std::vector<Ca
 
 }  // namespace
 
+std::string fixFor(const std::string& finding) {
+    static const std::pair<const char*, const char*> kFixes[] = {
+        {"file name does not begin", "name the library lib_vd_<name>.so"},
+        {"cannot be loaded", "build it for this machine and check its dependencies with ldd"},
+        {"cannot be read", "give a readable path to the library"},
+        {"no getModule",
+         "export extern \"C\" Module* getModule() with default visibility (see the template)"},
+        {"returned no module", "return a module object that lives for the whole process"},
+        {"getName()", "return a non-empty string literal from getName()"},
+        {"wrong base version", "make getVersion() return a text that begins with \"14.0.\""},
+        {"shouldLoad() refuses", "return 0 from shouldLoad() where the module should run"},
+        {"is taken by a module built", "give the module a name of its own"},
+        {"duplicate setting", "give every setting a name of its own"},
+        {"Enable Module",
+         "leave \"Enable Module\" to the daemon: it adds it first; add your settings after it"},
+        {"unknown type",
+         "declare settings with addConfigInt, addConfigBoolean, addConfigList or "
+         "addConfigString"},
+        {"has no name", "declare settings with the add helpers, which set name and type"},
+        {"has no type", "declare settings with the add helpers, which set name and type"},
+        {"256 bytes or more", "keep every value and default under 256 bytes"},
+        {"null option", "give every list option a text"},
+        {"not \"true\" or \"false\"", "a boolean is \"true\" or \"false\""},
+        {"plain decimal text", "write an int as plain decimal text, such as \"64\""},
+        {"not an index", "a list value is the index of an option, from \"0\""},
+        {"not a folder",
+         "use an absolute folder that ends in \"/\", such as "
+         "\"/sdcard/Tellwick/<module>/\""},
+        {"validation refuses", "fix the settings so that the daemon's defaults pass its check"},
+        {"configVal objects", "make configVal accept the module's own defaults"},
+    };
+    for (const auto& [pattern, fix] : kFixes) {
+        if (finding.find(pattern) != std::string::npos) return fix;
+    }
+    return "";
+}
+
 std::vector<std::string> checkSettings(const Module::moduleConfig& settings) {
     std::vector<std::string> faults;
     const auto& configs = settings.configs;

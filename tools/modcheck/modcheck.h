@@ -22,6 +22,15 @@ struct ModuleReport {
     bool sound() const { return loaded && faults.empty() && objections.empty(); }
 };
 
+// What checkModuleLibrary looks at, in order, for the tool to say so.
+constexpr const char* kChecksMade =
+    "file name, loading (dlopen, getModule), base version \"14.0.\", shouldLoad(), module name, "
+    "settings (order, names, types, values), the default document through the daemon's "
+    "validation, configVal on the defaults";
+
+// What to change in the module's source for a fault or objection of checkModuleLibrary.
+std::string fixFor(const std::string& finding);
+
 // The faults in a module's settings after init(): "Enable Module" first and boolean, names
 // unique and present, known types, values and defaults that fit their buffers and types, list
 // values that index their options, "Log Path"/"Storage Directory" values that are folders.

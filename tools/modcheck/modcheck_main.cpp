@@ -31,8 +31,13 @@ int checkInChild(const std::string& library, const vdtools::ScratchDevice& devic
         vdtools::LogCapture capture(verbose);
         report = vdtools::checkModuleLibrary(library);
     }
-    for (const std::string& fault : report.faults) say(library, fault);
-    for (const std::string& objection : report.objections) say(library, objection);
+    say(library, std::string("checked: ") + vdtools::kChecksMade);
+    std::vector<std::string> findings = report.faults;
+    findings.insert(findings.end(), report.objections.begin(), report.objections.end());
+    for (const std::string& finding : findings) {
+        say(library, "FAIL: " + finding);
+        if (std::string fix = vdtools::fixFor(finding); !fix.empty()) say(library, "  fix: " + fix);
+    }
     if (report.sound()) {
         say(library, "OK: module \"" + report.name + "\" version " + report.version + ", " +
                          std::to_string(report.settingCount) + " settings");
@@ -65,11 +70,12 @@ int check(const std::string& library, bool verbose) {
         std::string line = "the daemon would die loading or initialising it: signal " +
                            std::to_string(sig) + " (" + strsignal(sig) + ")";
         if (sig == SIGABRT) {
-            line +=
-                "; a value of 256 bytes or more given to addConfigInt or addConfigBoolean "
-                "aborts";
+            line += "; a value of 256 bytes or more given to an add helper aborts";
         }
-        say(library, line);
+        say(library, "FAIL: " + line);
+        say(library,
+            "  fix: run the module's constructors and init() under a debugger; no "
+            "value given to an add helper may reach 256 bytes");
         return 1;
     }
     return WIFEXITED(status) && WEXITSTATUS(status) == 0 ? 0 : 1;
