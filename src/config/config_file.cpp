@@ -27,6 +27,7 @@
 #include "platform/fs.h"
 #include "storage/log_deletion.h"
 #include "storage/storage_root.h"
+#include "storage/tree.h"
 #include "storage/utility.h"
 
 // Per thread: set by updateConfigDefault and consumed by the loadConfigFile of the same thread,
@@ -35,62 +36,10 @@ thread_local bool restartAfterPathChange = false;
 
 namespace {
 
-// The complete new text waits here while the file itself is rewritten; it only ever
-// appears by a rename, so a copy that exists is whole.
+// What a save of an earlier build left beside the file when it was stopped half-way: the
+// complete new text (it only ever appeared by a rename) and the copy still being written.
 constexpr const char* kCopySuffix = ".bak";
-// The copy while it is being written; never read back.
 constexpr const char* kPartialSuffix = ".tmp";
-
-bool writeAll(int fd, const char* data, size_t size) {
-    while (size > 0) {
-        ssize_t n = write(fd, data, size);
-        if (n < 0) {
-            if (errno == EINTR) continue;
-            return false;
-        }
-        data += n;
-        size -= static_cast<size_t>(n);
-    }
-    return true;
-}
-
-// Makes a rename or an unlink in the file's folder durable.
-void syncFolderOf(const std::string& path) {
-    size_t slash = path.rfind('/');
-    std::string folder = slash == std::string::npos ? "/" : path.substr(0, slash + 1);
-    int fd = vigild::fs::open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-    if (fd < 0) return;
-    fsync(fd);
-    close(fd);
-}
-
-// Opens a regular file for writing without following a link; never blocks on a FIFO.
-int openForWrite(const char* path, int extraFlags) {
-    int fd =
-        vigild::fs::open(path, O_WRONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC | extraFlags, 0666);
-    if (fd < 0) return -1;
-    struct stat st;
-    if (fstat(fd, &st) != 0 || !S_ISREG(st.st_mode)) {
-        close(fd);
-        errno = EINVAL;
-        return -1;
-    }
-    return fd;
-}
-
-enum class Rewrite { kDone, kNotOpened, kTorn };
-
-// Rewrites the file in place, so it keeps its inode and the watch on it sees a write.
-Rewrite rewriteInPlace(const char* path, const char* text, size_t size) {
-    int fd = openForWrite(path, O_CREAT);
-    if (fd < 0) return Rewrite::kNotOpened;
-    bool ok =
-        writeAll(fd, text, size) && ftruncate(fd, static_cast<off_t>(size)) == 0 && fsync(fd) == 0;
-    int error = errno;
-    close(fd);
-    errno = error;
-    return ok ? Rewrite::kDone : Rewrite::kTorn;
-}
 
 // A module may leave a name or type null; it reads as empty, as in the document.
 const char* orEmpty(const char* value) { return value != nullptr ? value : ""; }
@@ -158,50 +107,34 @@ void saveFile(const char* path, const char* text) {
         LOGD("saveFile :END");
         return;
     }
-    const std::string copy = std::string(path) + kCopySuffix;
-    const std::string partial = std::string(path) + kPartialSuffix;
     const size_t size = strlen(text);
-
-    // 1. The whole new text beside the file, durable before the file is touched. A full disk
-    //    here leaves the file as it was.
-    vigild::fs::unlink(partial.c_str());
-    int fd = openForWrite(partial.c_str(), O_CREAT | O_EXCL);
-    if (fd < 0) {
+    // Written whole beside the file, synced, then renamed over it: the path holds the old text
+    // or all of the new at every moment, whether the disk fills, a write fails or the daemon is
+    // killed, and there is nothing to repair at the next load. A rewrite in place would keep
+    // the inode but leave a torn file for anyone reading until a repair. The watch knows the
+    // daemon's own renames and takes them for no edit.
+    vigild::storage::Entry file(path);
+    struct stat existing;
+    if (file.lstat(existing) && !S_ISREG(existing.st_mode) && !S_ISDIR(existing.st_mode)) {
+        // A link or a FIFO in its place is somebody else's: neither followed nor replaced.
+        errno = S_ISLNK(existing.st_mode) ? ELOOP : EINVAL;
         LOGE("Error opening file : %s errno : %i", path, errno);
         LOGD("saveFile :END");
         return;
     }
-    bool written = writeAll(fd, text, size) && fsync(fd) == 0;
-    int error = errno;
-    close(fd);
-    if (!written || vigild::fs::rename(partial.c_str(), copy.c_str()) != 0) {
-        if (written) error = errno;
-        vigild::fs::unlink(partial.c_str());
-        LOGE("Error writing file : %s errno : %i", path, error);
-        LOGD("saveFile :END");
-        return;
-    }
-    syncFolderOf(copy);
-
-    // 2. The file itself, in place. A kill from here on leaves the copy for the next load.
-    switch (rewriteInPlace(path, text, size)) {
-        case Rewrite::kNotOpened:
-            error = errno;
-            // The file was not touched: the old one stays in force.
-            vigild::fs::unlink(copy.c_str());
-            LOGE("Error opening file : %s errno : %i", path, error);
+    switch (file.replace([&](int fd) { return vigild::storage::writeAll(fd, text, size); })) {
+        case vigild::storage::Entry::Replaced::kNotCreated:
+            LOGE("Error opening file : %s errno : %i", path, errno);
             LOGD("saveFile :END");
             return;
-        case Rewrite::kTorn:
-            // The copy stays: the next load puts it back.
+        case vigild::storage::Entry::Replaced::kNotWritten:
+            // The old file is still in place, untouched.
             LOGE("Error writing file : %s errno : %i", path, errno);
             LOGD("saveFile :END");
             return;
-        case Rewrite::kDone:
+        case vigild::storage::Entry::Replaced::kDone:
             break;
     }
-    vigild::fs::unlink(copy.c_str());
-    syncFolderOf(copy);
 
     if (isTellwickSecureModeEnabled() && isPermissionGrantedToDeployConfig()) {
         copyConfigFileToSecurePath(path);
@@ -210,30 +143,22 @@ void saveFile(const char* path, const char* text) {
 }
 
 std::string takeLeftConfigCopy(const char* path) {
-    // Every save runs under configMutex: without it a save on another thread would see its
-    // copy taken away half-way.
+    // Under configMutex, as every save: the copy must not go away under another thread.
     vigild::Lock lock(configMutex);
     const std::string copy = std::string(path) + kCopySuffix;
-    vigild::fs::unlink((std::string(path) + kPartialSuffix).c_str());
+    vigild::storage::Entry(std::string(path) + kPartialSuffix).remove();
+    vigild::storage::Entry left(copy);
     struct stat st;
-    if (vigild::fs::lstat(copy.c_str(), &st) != 0) return path;
+    if (!left.lstat(st)) return path;
     if (!S_ISREG(st.st_mode) || st.st_size == 0) {
         // Not ours, or nothing to put back: the file itself was never torn by an empty text.
-        vigild::fs::unlink(copy.c_str());
+        left.remove();
         return path;
     }
-    char* text = fileReader(copy.c_str());
-    size_t size = strlen(text);
-    if (size == 0) {
-        delete[] text;
-        return copy;
-    }
-    Rewrite rewritten = rewriteInPlace(path, text, size);
-    delete[] text;
-    if (rewritten != Rewrite::kDone) return copy;
+    const std::string& name = left.name();
+    if (left.renameTo(name.substr(0, name.size() - strlen(kCopySuffix))) != 0) return copy;
+    left.syncFolder();
     LOGI("saveFile: restored %s from the copy of an interrupted save", path);
-    vigild::fs::unlink(copy.c_str());
-    syncFolderOf(copy);
     return path;
 }
 
