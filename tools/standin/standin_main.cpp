@@ -45,6 +45,7 @@
 #include <vector>
 
 #include "platform/host/host_platform.h"
+#include "standin/console/console.h"
 #include "standin/standin_service.h"
 #include "standin/standin_view.h"
 
@@ -446,6 +447,8 @@ class ControlServer {
 struct ServeOptions {
     std::string root;
     bool verbose = false;
+    bool console = false;        // --http
+    std::string consoleAddress;  // "" for the default
 };
 
 // Serves until SIGINT or SIGTERM. Whatever else runs in this process (a console on the same
@@ -479,11 +482,27 @@ int runServe(const ServeOptions& options) {
         service.stop();
         return kFailed;
     }
+    vdstandin::Console console(service, options.root);
+    if (options.console) {
+        if (!console.start(options.consoleAddress, &error)) {
+            std::cerr << "vd-standin: console: " << error << "\n";
+            control.stop();
+            service.stop();
+            return kFailed;
+        }
+        if (!console.loopbackOnly()) {
+            std::cerr << "vd-standin: warning: the console is reachable from other machines, "
+                         "and whoever reaches it controls the daemon\n";
+        }
+        // On stdout, for the person to open and for scripts to read.
+        std::cout << "vd-standin: console at " << console.url() << std::endl;
+    }
     std::cerr << "vd-standin: serving com.tandril.vd.Ivd_service at " << options.root
               << "/dev/binder/ (Ctrl-C to stop)\n";
     int received = 0;
     sigwait(&signals, &received);
     std::cerr << "vd-standin: stopping\n";
+    console.stop();
     control.stop();
     service.stop();
     return kOk;
@@ -585,8 +604,43 @@ bool readFile(const std::string& file, std::string* out) {
     return true;
 }
 
+// The values of `sent` that the daemon's document `kept` holds otherwise (a path it
+// corrected, a reset after a refusal), as lines; settings are matched by name.
+std::string valuesNotKept(const std::string& sent, const std::string& kept) {
+    std::string lines;
+    json_t* a = json_loads(sent.c_str(), 0, nullptr);
+    json_t* b = json_loads(kept.c_str(), 0, nullptr);
+    const char* module = nullptr;
+    json_t* body = nullptr;
+    json_object_foreach(a, module, body) {
+        json_t* theirs = json_object_get(json_object_get(b, module), "settings");
+        size_t i = 0, j = 0;
+        json_t *mine = nullptr, *other = nullptr;
+        json_array_foreach(json_object_get(body, "settings"), i, mine) {
+            const char* name = json_string_value(json_object_get(mine, "name"));
+            const char* value = json_string_value(json_object_get(mine, "value"));
+            json_array_foreach(theirs, j, other) {
+                const char* now = json_string_value(json_object_get(other, "value"));
+                const char* theirName = json_string_value(json_object_get(other, "name"));
+                if (name == nullptr || value == nullptr || now == nullptr || theirName == nullptr ||
+                    strcmp(name, theirName) != 0) {
+                    continue;
+                }
+                if (strcmp(value, now) != 0) {
+                    lines += std::string("  ") + module + " / " + name + ": sent \"" + value +
+                             "\", the daemon has \"" + now + "\"\n";
+                }
+                break;
+            }
+        }
+    }
+    json_decref(a);
+    json_decref(b);
+    return lines;
+}
+
 // Prints the daemon's answer to a document; kFailed when it did not take it cleanly.
-int reportConfigSet(const std::string& outcomeJson) {
+int reportConfigSet(const std::string& sent, const std::string& outcomeJson) {
     json_t* outcome = json_loads(outcomeJson.c_str(), 0, nullptr);
     const char* kind = json_string_value(json_object_get(outcome, "outcome"));
     const std::string what = kind != nullptr ? kind : "";
@@ -629,6 +683,9 @@ int reportConfigSet(const std::string& outcomeJson) {
                               "it was withdrawn")
                   << "\n";
     }
+    const char* echoed = json_string_value(json_object_get(outcome, "document"));
+    const std::string changed = echoed != nullptr ? valuesNotKept(sent, echoed) : "";
+    if (!changed.empty()) std::cout << "values the daemon did not keep:\n" << changed;
     json_decref(outcome);
     return rc;
 }
@@ -637,7 +694,7 @@ int configSet(const std::string& root, const std::string& document, double timeo
     std::string body;
     const long ms = static_cast<long>(timeout * 1000);
     int rc = request(root, "config-set " + std::to_string(ms), document, &body);
-    return rc != kOk ? rc : reportConfigSet(body);
+    return rc != kOk ? rc : reportConfigSet(document, body);
 }
 
 int configGet(const std::string& root, bool fresh, double timeout, std::string* document) {
@@ -801,6 +858,12 @@ int main(int argc, char** argv) {
         app.add_subcommand("serve", "Serve the companion service until SIGINT/SIGTERM");
     serveCmd->add_flag("-v,--verbose", serveOptions.verbose,
                        "Print one decoded line per transaction");
+    auto* httpOpt = serveCmd
+                        ->add_option("--http", serveOptions.consoleAddress,
+                                     "Serve the browser console at ADDR (default 127.0.0.1:8080; "
+                                     "port 0 picks one); the address is printed on stdout")
+                        ->expected(0, 1)
+                        ->default_str("127.0.0.1:8080");
 
     std::string command;
     auto* sendCmd = app.add_subcommand(
@@ -901,6 +964,7 @@ int main(int argc, char** argv) {
 
     if (*serveCmd) {
         serveOptions.root = root;
+        serveOptions.console = httpOpt->count() > 0;
         return runServe(serveOptions);
     }
     if (*sendCmd) {
