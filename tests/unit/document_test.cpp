@@ -4,28 +4,38 @@
 
 #include <cstdlib>
 #include <cstring>
+#include <functional>
 #include <string>
 #include <vector>
 
+#include "config/config_file.h"
+#include "config/config_validation.h"
 #include "core/builtin_modules.h"
 #include "core/log.h"
 #include "core/module_registry.h"
 #include "fakes/fake_module.h"
 #include "fakes/test_platform.h"
 #include "standin/standin_service.h"
+#include "storage/log_deletion.h"
 
+using vigild::testing::FakeModule;
 using vigild::testing::FakeModules;
 using vigild::testing::makeSetting;
+using vigild::testing::registerModule;
 using vigild::testing::TestPlatform;
 
 namespace {
 
-// getConfig's text, freed here.
+// getConfig's text, freed here, after checking it against a fresh build.
 std::string document() {
-    char* text = getConfig();
-    EXPECT_NE(text, nullptr);
+    const std::string root = storageRootForDocument();
+    vigild::Lock lock(configMutex);
+    char* text = getConfig(root);
+    char* fresh = buildConfigUncached(root);
+    EXPECT_STREQ(text, fresh);
     std::string out = text != nullptr ? text : "";
     free(text);
+    free(fresh);
     return out;
 }
 
@@ -50,7 +60,9 @@ TEST_F(DocumentTest, KnownRegistryGivesTheExactText) {
     daemon.init(moduleRegistry.back().settings);
     add("Net",
         {makeSetting("Buffer", "int", "256"), makeSetting("Level", "list", "1", {"low", "high"}),
-         makeSetting("Label", "string", "say \"hi\"\\")});
+         makeSetting("Label", "string", "say \"hi\"\\"),
+         // "é" cut after its first byte, as a 255-byte copy may leave it: kept as "?".
+         makeSetting("Note", "string", "caf\xc3")});
     add("Empty").settings.configs.clear();
     p.enableDebugLog();
 
@@ -69,18 +81,12 @@ TEST_F(DocumentTest, KnownRegistryGivesTheExactText) {
               "{\"name\": \"Level\", \"type\": \"list\", \"value\": \"1\", "
               "\"list\": [\"low\", \"high\"]}, "
               "{\"name\": \"Label\", \"type\": \"string\", \"value\": \"say \\\"hi\\\"\\\\\", "
-              "\"list\": []}]}, "
+              "\"list\": []}, "
+              "{\"name\": \"Note\", \"type\": \"string\", \"value\": \"caf?\", \"list\": []}]}, "
               "\"Empty\": {\"settings\": []}}");
     int begin = p.log().indexOf("getconfig:BEGIN");
     ASSERT_GE(begin, 0);
     EXPECT_GT(p.log().indexOf("getconfig before return", begin), begin);
-}
-
-TEST_F(DocumentTest, ACutCharacterDoesNotDropTheValue) {
-    // "é" cut after its first byte, as a 255-byte copy may leave it.
-    add("Cut", {makeSetting("Note", "string", "caf\xc3")});
-    EXPECT_NE(document().find("\"name\": \"Note\", \"type\": \"string\", \"value\": \"caf?\""),
-              std::string::npos);
 }
 
 // Path settings are kept only inside the current storage root.
@@ -100,14 +106,8 @@ class PathCheckTest : public DocumentTest {
 TEST_F(PathCheckTest, InternalRoot) {
     useInternalRoot();
     p.enableDebugLog();
-    struct Row {
-        const char* module;
-        const char* name;
-        const char* type;
-        const char* value;
-        const char* expected;
-    };
-    const Row rows[] = {
+    // Module, setting name, type, value, value after the build.
+    const char* const rows[][5] = {
         {"ANRModule", "Log Path", "string", "/sdcard/Tellwick/anr/old/",
          "/sdcard/Tellwick/anr/old/"},
         {"TCPDumpModule", "Log Path", "string", "/data/logs/", "/sdcard/Tellwick/tcpdump/"},
@@ -118,73 +118,72 @@ TEST_F(PathCheckTest, InternalRoot) {
         {"Gone", "Log Path", "string", "/storage/1A2B-3C4D/Tellwick/", "/sdcard/Tellwick/"},
         {"", "Log Path", "string", "/data/y/", "/data/y/"},
     };
-    for (const Row& row : rows) add(row.module, {makeSetting(row.name, row.type, row.value)});
+    for (const auto& row : rows) add(row[0], {makeSetting(row[1], row[2], row[3])});
 
-    std::string text = document();
-    for (size_t i = 0; i < std::size(rows); i++) {
-        const Row& row = rows[i];
-        // The memory is rewritten, not only the text.
-        EXPECT_STREQ(moduleRegistry[i].settings.configs[1].value, row.expected) << row.module;
-        std::string member = std::string("\"name\": \"") + row.name + "\", \"type\": \"" +
-                             row.type + "\", \"value\": \"" + row.expected + "\"";
-        EXPECT_NE(text.find(member), std::string::npos) << member;
-    }
-    EXPECT_TRUE(p.log().contains("vigild::getConfig::path /data/logs/ not found", kLogDebug));
-    EXPECT_TRUE(p.log().contains("vigild::getConfig::path /data/x/ not found", kLogDebug));
-    EXPECT_TRUE(p.log().contains("vigild::getConfig::path /data/y/ not found", kLogDebug));
-    EXPECT_EQ(p.log().count("vigild::getConfig::Log path is UNKNOWN, need to reset", kLogDebug), 1);
-    // An unchecked setting is never reported.
-    EXPECT_EQ(p.log().count("vigild::getConfig::path /data/x/ not found"), 1);
-}
-
-TEST_F(PathCheckTest, CardRoot) {
-    useCardRoot();
-    p.makeDir("/sdcard/Tellwick/anr/");
-    add("ANRModule", {makeSetting("Log Path", "string", "/storage/1A2B-3C4D/Tellwick/anr/")});
-    add("TCPDumpModule", {makeSetting("Log Path", "string", "/sdcard/Tellwick/anr/")});
-    add("RamoopsModule", {makeSetting("Log Path", "string", "/storage/9999-0000/Tellwick/")});
     document();
-    EXPECT_STREQ(moduleRegistry[0].settings.configs[1].value, "/storage/1A2B-3C4D/Tellwick/anr/");
-    EXPECT_STREQ(moduleRegistry[1].settings.configs[1].value,
-                 "/storage/1A2B-3C4D/Tellwick/tcpdump/");
-    EXPECT_STREQ(moduleRegistry[2].settings.configs[1].value,
-                 "/storage/1A2B-3C4D/Tellwick/ramoops/");
-    // The default stays what the module declared.
-    EXPECT_STREQ(moduleRegistry[1].settings.configs[1].defaultValue, "/sdcard/Tellwick/anr/");
+    // The memory is rewritten (the text is built from it).
+    for (size_t i = 0; i < std::size(rows); i++)
+        EXPECT_STREQ(moduleRegistry[i].settings.configs[1].value, rows[i][4]) << rows[i][0];
+    // "/data/x/" once: an unchecked setting is never reported.
+    EXPECT_EQ(p.log().count("vigild::getConfig::path /data/x/ not found", kLogDebug), 1);
+    for (std::string value : {"/data/logs/", "/data/y/"})
+        EXPECT_TRUE(p.log().contains("vigild::getConfig::path " + value + " not found", kLogDebug));
+    EXPECT_EQ(p.log().count("vigild::getConfig::Log path is UNKNOWN, need to reset", kLogDebug), 1);
 }
 
-TEST_F(DocumentTest, SendConfigWithoutServiceBuildsNothing) {
-    p.enableDebugLog();
-    add("Net");
-    sendConfig();
-    EXPECT_TRUE(p.log().contains("Failed to obtain a handle on vd_service", kLogError));
-    EXPECT_FALSE(p.log().contains("getconfig:BEGIN"));
-    // The lock was not left held.
-    EXPECT_TRUE(configMutex.try_lock());
-    configMutex.unlock();
-    decrefJson();  // nothing is left to release, and it is safe to call at any time
-}
+// Moves its last setting to "7" when asked to judge.
+struct AdjustingModule : FakeModule {
+    using FakeModule::FakeModule;
+    int configVal(moduleConfig& settings, std::vector<std::string>& errors) override {
+        snprintf(settings.configs.back().value, VD_CONFIG_VALUE_SIZE, "7");
+        return FakeModule::configVal(settings, errors);
+    }
+};
 
-TEST_F(DocumentTest, SendConfigSendsTheDocumentInForceAndReleasesTheLock) {
+// Every kind of change shows in the next document and in the next one sent; document() checks
+// the kept text against a fresh build each time.
+TEST_F(PathCheckTest, KeptDocumentFollowsEveryChange) {
     vdstandin::StandinService service(p.root());
     ASSERT_TRUE(service.start());
-    p.setProperty("persist.sys.vd.storage_path", "/sdcard/");
-    p.makeDir("/sdcard/Tellwick/");
+    useInternalRoot();
     p.enableDebugLog();
-    // Moved by the path check while the document is built: the service gets the moved value.
-    add("ANRModule", {makeSetting("Log Path", "string", "/data/anr/")});
-    add("Net", {makeSetting("Level", "list", "1", {"low", "high"})});
-
-    sendConfig();
-    sendConfig();
-
-    const std::string inForce = document();
-    EXPECT_NE(inForce.find("\"value\": \"/sdcard/Tellwick/anr/\""), std::string::npos);
-    EXPECT_EQ(service.configs(), (std::vector<std::string>{inForce, inForce}));
-    const int begin = p.log().indexOf("sendConfig():BEGIN");
-    ASSERT_GE(begin, 0);
-    const int built = p.log().indexOf("getconfig before return", begin);
-    EXPECT_GT(built, begin);
+    AdjustingModule adjusting("Adjusting");
+    registerModule(adjusting).settings.configs.push_back(makeSetting("Level", "int", "1"));
+    add("ANRModule", {makeSetting("Log Path", "string", "/sdcard/Tellwick/anr/")});
+    const std::string secure = "Android/data/com.tandril.tellwick/Tellwick/secure/log_data/anr/";
+    // Each change, and where the "Log Path" is after it.
+    const std::pair<std::function<void()>, std::string> changes[] = {
+        {[] { moduleValConfig(0); }, "/sdcard/Tellwick/anr/"},
+        {[] { resetToDefault(); }, "/sdcard/Tellwick/anr/"},
+        {[&] {  // a deployed file with another "Level"
+             std::string text = document();
+             p.writeFile("/sdcard/Tellwick/config.json",
+                         text.replace(text.find("\"1\""), 2, "\"5"));
+             loadConfigFile("/sdcard/Tellwick/config.json");
+         },
+         "/sdcard/Tellwick/anr/"},
+        {[&] { p.setProperty("persist.sys.vd.secure_mode", "true"), updateConfigDefault(false); },
+         "/sdcard/" + secure},
+        {[&] { useCardRoot(), p.setProperty("vold.sdcard.state", "encrypted"); },
+         "/storage/1A2B-3C4D/" + secure},
+        // A card's root is two levels deep: a value inside it stays.
+        {[] { snprintf(moduleRegistry[1].settings.configs[1].value, 32, "/storage/1A2B-3C4D/x/"); },
+         "/storage/1A2B-3C4D/x/"},
+    };
+    std::string before = document();
+    for (const auto& [change, logPath] : changes) {
+        change();
+        sendConfig();
+        const std::string now = document();
+        EXPECT_EQ(service.configs().back(), now);
+        EXPECT_NE(now, before) << logPath;
+        EXPECT_EQ(moduleRegistry[1].settings.configs[1].value, logPath);
+        before = now;
+    }
+    EXPECT_STREQ(moduleRegistry[1].settings.configs[1].defaultValue, "/sdcard/Tellwick/anr/");
+    // The document is built between the send's first and last lines, and the lock given back.
+    const int built =
+        p.log().indexOf("getconfig before return", p.log().indexOf("sendConfig():BEGIN"));
     EXPECT_GT(p.log().indexOf("sendConfig():END", built), built);
     EXPECT_TRUE(configMutex.try_lock());
     configMutex.unlock();
