@@ -15,25 +15,14 @@ namespace {
 
 // Outgoing strings travel one byte per 32-bit word, as the service reads them.
 void writeString(Parcel& data, const char* str) {
-    const size_t n = str == nullptr ? 0 : strlen(str);
-    data.writeInt32(static_cast<int32_t>(n));
-    // Built in one piece: a configuration document is hundreds of kilobytes of words.
-    std::vector<uint8_t> words(4 * n, 0);
-    for (size_t i = 0; i < n; i++) words[4 * i] = static_cast<uint8_t>(str[i]);
-    data.write(words.data(), words.size());
+    data.writeByteWords(str == nullptr ? std::string_view() : std::string_view(str));
 }
 
 // Reads `n` UTF-16 units and keeps the low byte of each: the service's strings are
 // byte strings carried in String16, so the high byte is dropped unchecked. False (nothing
 // consumed) when the units claim more than the reply holds.
 bool readLowBytes(Parcel& reply, int32_t n, std::string* out) {
-    const uint64_t bytes = static_cast<uint64_t>(n) * 2;
-    if (bytes > reply.dataAvail()) return false;
-    std::vector<uint8_t> units(static_cast<size_t>(bytes));
-    if (!reply.read(units.data(), units.size())) return false;
-    out->resize(static_cast<size_t>(n));
-    for (size_t i = 0; i < out->size(); i++) (*out)[i] = static_cast<char>(units[2 * i]);
-    return true;
+    return n >= 0 && reply.readLowBytes(static_cast<size_t>(n), out);
 }
 
 bool isEmptyLength(int32_t n) { return n < 1 || n == INT_MAX; }

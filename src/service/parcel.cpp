@@ -1,5 +1,6 @@
 #include "service/parcel.h"
 
+#include <algorithm>
 #include <cstring>
 #include <limits>
 
@@ -24,6 +25,20 @@ void Parcel::write(const void* data, size_t size) {
     const auto* bytes = static_cast<const uint8_t*>(data);
     data_.insert(data_.end(), bytes, bytes + size);
     data_.resize(static_cast<size_t>(padSize(data_.size())), 0);
+}
+
+void Parcel::writeByteWords(std::string_view bytes) {
+    writeInt32(static_cast<int32_t>(bytes.size()));
+    data_.reserve(data_.size() + 4 * bytes.size());
+    // Built a slice at a time in a small buffer whose other three bytes of each word stay 0,
+    // then appended: the data is written once, with no zero-filled copy of the whole.
+    constexpr size_t kWords = 256;
+    uint8_t slice[4 * kWords] = {};
+    for (size_t at = 0; at < bytes.size(); at += kWords) {
+        const size_t n = std::min(kWords, bytes.size() - at);
+        for (size_t i = 0; i < n; i++) slice[4 * i] = static_cast<uint8_t>(bytes[at + i]);
+        data_.insert(data_.end(), slice, slice + 4 * n);
+    }
 }
 
 void Parcel::writeInterfaceToken(std::u16string_view descriptor) {
@@ -108,6 +123,17 @@ int32_t Parcel::readExceptionCode() {
     }
     if (code == kExServiceSpecific) readInt32();
     return code;
+}
+
+bool Parcel::readLowBytes(size_t units, std::string* out) {
+    if (units > dataAvail() / 2) return false;
+    const uint64_t padded = padSize(uint64_t{units} * 2);
+    if (padded > dataAvail()) return false;
+    const uint8_t* p = data_.data() + pos_;
+    out->resize(units);
+    for (size_t i = 0; i < units; i++) (*out)[i] = static_cast<char>(p[2 * i]);
+    pos_ += static_cast<size_t>(padded);
+    return true;
 }
 
 bool Parcel::readString16(std::u16string* out, bool* isNull) {

@@ -43,6 +43,9 @@ class Parcel {
     void writeNullString16();
     // Copies `size` bytes, zero-padded to a multiple of 4.
     void write(const void* data, size_t size);
+    // The length, then each byte of `bytes` in the low byte of a 32-bit word of its own: how
+    // the daemon's strings travel. Written in one pass straight into the data.
+    void writeByteWords(std::string_view bytes);
     // Reply headers: a success header, or an exception with its message and no stack.
     void writeNoException();
     void writeException(int32_t code, std::u16string_view message);
@@ -56,6 +59,9 @@ class Parcel {
     // The reply header: 0 for none (an empty reply included), the -128 reply header skipped.
     // A non-zero code consumes its message and stack header.
     int32_t readExceptionCode();
+    // `units` 16-bit units (padded to 4 bytes), keeping the low byte of each; fails without
+    // moving when they do not fit.
+    bool readLowBytes(size_t units, std::string* out);
     // False on a short or malformed string; `isNull` tells a length of -1 apart.
     bool readString16(std::u16string* out, bool* isNull = nullptr);
     // The service side of writeInterfaceToken: true when the token names `descriptor`.
