@@ -2,6 +2,7 @@
 
 #include <jansson.h>
 
+#include <cctype>
 #include <cstdio>
 #include <cstring>
 #include <map>
