@@ -25,6 +25,7 @@
 #include "core/module_registry.h"
 #include "core/run_state.h"
 #include "platform/fs.h"
+#include "platform/platform.h"
 #include "storage/log_deletion.h"
 #include "storage/storage_root.h"
 #include "storage/tree.h"
@@ -203,6 +204,7 @@ int loadConfigFile(const char* path) {
     } else if (result != 1) {
         if (restartAfterPathChange && runState == kStateRunning) restartModules();
         restartAfterPathChange = false;
+        vigild::platform::releaseFreeMemory();
         return result;
     }
 
@@ -210,6 +212,8 @@ int loadConfigFile(const char* path) {
     sendConfig();
     if (runState == kStateRunning) restartModules();
     restartAfterPathChange = false;
+    // The parsed documents and their copies are gone: give their pages back.
+    vigild::platform::releaseFreeMemory();
     return 1;
 }
 

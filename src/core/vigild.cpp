@@ -116,6 +116,8 @@ int bootDaemon(DaemonThreads& threads) {
     threads.systemTimeCheker.join();
     threads.syncServiceState.join();
     logStartupSummary(storageRoot);
+    // Start-up's documents, module lists and thread arenas are freed: hand the pages back.
+    vigild::platform::releaseFreeMemory();
     return kBootReady;
 }
 

@@ -148,4 +148,10 @@ void syncPoint(const char* name);
 // fills `error` with a one-line message.
 bool installDefault(std::string* error);
 
+// Hands the allocator's free pages back to the system (malloc_trim on glibc, M_PURGE on
+// bionic). Called when a burst of work is over (start-up, a configuration load), so the idle
+// daemon keeps only what it uses. Per C library, not per backend: the host backend built with
+// bionic for the device tests purges as the device does.
+void releaseFreeMemory();
+
 } // namespace vigild::platform

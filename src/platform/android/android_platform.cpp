@@ -5,6 +5,7 @@
 #include <cutils/properties.h>
 #include <dlfcn.h>
 #include <fcntl.h>
+#include <malloc.h>
 #include <signal.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -88,6 +89,16 @@ bool installDefault(std::string* /*error*/) {
     p.serviceManager = android::binderServiceManager;
     install(p);
     return true;
+}
+
+void releaseFreeMemory() {
+    // Every thread's cache where the platform has the call (API 34), else the allocator's
+    // own free pages.
+#if defined(M_PURGE_ALL)
+    mallopt(M_PURGE_ALL, 0);
+#else
+    mallopt(M_PURGE, 0);
+#endif
 }
 
 }  // namespace vigild::platform

@@ -3,6 +3,7 @@
 #include <android/log.h>
 #include <dlfcn.h>
 #include <fcntl.h>
+#include <malloc.h>
 #include <signal.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -419,3 +420,18 @@ std::vector<std::string> unknownVariableWarnings(char** environment) {
 FileProperties* hostProperties() { return gBackend ? gBackend->properties.get() : nullptr; }
 
 }  // namespace vigild::platform::host
+
+namespace vigild::platform {
+
+void releaseFreeMemory() {
+#if defined(__GLIBC__)
+    // Every arena, not only the main one: the threads' arenas keep what start-up freed.
+    malloc_trim(0);
+#elif defined(M_PURGE_ALL)
+    mallopt(M_PURGE_ALL, 0);
+#elif defined(M_PURGE)
+    mallopt(M_PURGE, 0);
+#endif
+}
+
+}  // namespace vigild::platform
