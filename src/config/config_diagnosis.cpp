@@ -6,6 +6,7 @@
 #include <cstdio>
 #include <cstring>
 #include <map>
+#include <set>
 #include <utility>
 
 #include "config/config_validation.h"
@@ -31,7 +32,17 @@ struct Place {
 
 class PositionIndex {
   public:
-    explicit PositionIndex(const char* text) : p_(text) {
+    // Notes the places of `wanted` and of their parents only: a large file must not cost a
+    // map of every node.
+    PositionIndex(const char* text, const std::vector<std::string>& wanted) : p_(text) {
+        for (std::string path : wanted) {
+            for (;;) {
+                wanted_.insert(path);
+                size_t cut = path.rfind(kSep);
+                if (cut == std::string::npos) break;
+                path.resize(cut);
+            }
+        }
         skipBlanks();
         value("");
     }
@@ -121,8 +132,16 @@ class PositionIndex {
         if (*p_ == '"') advance();
         return out;
     }
+    void note(const std::string& path, Place place, bool replace) {
+        if (wanted_.count(path) == 0) return;
+        if (replace) {
+            places_.insert_or_assign(path, place);
+        } else {
+            places_.emplace(path, place);
+        }
+    }
     void value(const std::string& path) {
-        places_.emplace(path, Place{line_, column_});
+        note(path, Place{line_, column_}, false);
         if (*p_ == '{') {
             advance();
             skipBlanks();
@@ -130,7 +149,7 @@ class PositionIndex {
                 Place key{line_, column_};
                 std::string child = path + kSep + string();
                 // A repeated key: the last one is what Jansson kept.
-                places_.insert_or_assign(child, key);
+                note(child, key, true);
                 skipBlanks();
                 if (*p_ == ':') advance();
                 skipBlanks();
@@ -160,6 +179,7 @@ class PositionIndex {
     const char* p_;
     int line_ = 1;
     int column_ = 1;
+    std::set<std::string> wanted_;
     std::map<std::string, Place> places_;
 };
 
@@ -181,12 +201,10 @@ bool isIndexOf(const char* text, size_t count) {
 
 class Diagnosis {
   public:
-    Diagnosis(const char* text, const json_t* root) : index_(text), root_(root) {}
+    Diagnosis(const char* text, const json_t* root) : text_(text), root_(root) {}
 
     void add(bool rejects, const std::string& path, std::string reason) {
-        Place place = index_.at(path);
-        (rejects ? rejecting_ : others_)
-            .push_back({place.line, place.column, rejects, std::move(reason)});
+        (rejects ? rejecting_ : others_).push_back({rejects, path, std::move(reason)});
     }
 
     // One module's settings, by name and type as the daemon's file load matches them.
@@ -306,16 +324,30 @@ class Diagnosis {
         }
     }
 
+    // The problems with their places, found in one pass over the text.
     std::vector<ConfigProblem> take() {
         rejecting_.insert(rejecting_.end(), others_.begin(), others_.end());
-        return std::move(rejecting_);
+        std::vector<std::string> paths;
+        for (const Found& found : rejecting_) paths.push_back(found.path);
+        PositionIndex index(text_, paths);
+        std::vector<ConfigProblem> problems;
+        for (Found& found : rejecting_) {
+            Place place = index.at(found.path);
+            problems.push_back({place.line, place.column, found.rejects, std::move(found.reason)});
+        }
+        return problems;
     }
 
   private:
-    PositionIndex index_;
+    struct Found {
+        bool rejects;
+        std::string path;
+        std::string reason;
+    };
+    const char* text_;
     const json_t* root_;
-    std::vector<ConfigProblem> rejecting_;
-    std::vector<ConfigProblem> others_;
+    std::vector<Found> rejecting_;
+    std::vector<Found> others_;
 };
 
 }  // namespace
@@ -340,7 +372,7 @@ std::vector<ConfigProblem> diagnoseConfigFile(const char* text) {
 ConfigProblem placeOf(const char* text, const std::vector<std::string>& path) {
     std::string key;
     for (const std::string& part : path) key += kSep + part;
-    Place place = PositionIndex(text).at(key);
+    Place place = PositionIndex(text, {key}).at(key);
     return {place.line, place.column, false, ""};
 }
 
