@@ -5,11 +5,15 @@
 # what it should.
 #
 #   scripts/demo.sh                 build with the dev preset, then run the session
+#   scripts/demo.sh --console [ADDR]   instead, serve the browser console (default
+#                                   127.0.0.1:8080) and keep both running until Ctrl-C
 #   VIGILD_BUILD_DIR=DIR scripts/demo.sh   use binaries already built in DIR, build nothing
 #   VIGILD_TIME_SCALE=0.05 scripts/demo.sh slower daemon clocks (default 0.02)
 set -euo pipefail
 
 here="$(cd "$(dirname "$0")/.." && pwd)"
+console=""
+if [ "${1:-}" = --console ]; then console="${2:-127.0.0.1:8080}"; fi
 scale="${VIGILD_TIME_SCALE:-0.02}"
 timeout_s=20
 
@@ -104,13 +108,19 @@ starts() { grep -c -- '--- LogcatModule started ---' "$ROOT/$log_file" 2>/dev/nu
 
 # ---------------------------------------------------------------------------- session
 bold "device root: $ROOT (time scale $scale)"
-"$standin" --root "$ROOT" serve --verbose > "$ROOT/standin.log" 2>&1 &
+"$standin" --root "$ROOT" serve --verbose ${console:+--http "$console"} > "$ROOT/standin.log" 2>&1 &
 svc_pid=$!
 wait_for "the stand-in service did not start" "[ -S '$ROOT/dev/binder/com.tandril.vd.Ivd_service' ]"
 VIGILD_ROOT="$ROOT" VIGILD_TIME_SCALE="$scale" "$vigild" 2> "$ROOT/vigild.log" &
 daemon_pid=$!
 echo "stand-in service pid $svc_pid, vigild pid $daemon_pid"
 wait_for "vigild did not come up" "grep -q 'getState' '$ROOT/standin.log'"
+if [ -n "$console" ]; then
+    wait_for "the console did not start" "grep -q 'console at http' '$ROOT/standin.log'"
+    bold "console: $(grep -o 'http://[^ ]*' "$ROOT/standin.log" | head -n 1)  (open it in a browser; Ctrl-C ends)"
+    wait "$svc_pid"
+    exit 0
+fi
 
 begin_step 'fresh_connect: the daemon reports its versions, configuration and state'
 svc send fresh_connect

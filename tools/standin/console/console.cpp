@@ -209,6 +209,8 @@ struct Console::Impl {
     Impl(StandinService& s, std::string root) : service(s), deviceRoot(std::move(root)) {}
 
     void onTrace(const TraceEvent& event);
+    // Moves the last apply along the exchange; under `mutex`.
+    void followApply(const TraceEvent& event);
     bool sameOrigin(const httplib::Request& req, std::string* why) const;
     json_t* statusDocument() const;
     json_t* configDocument();
@@ -223,40 +225,40 @@ void Console::Impl::onTrace(const TraceEvent& event) {
         lastSeq = std::max(lastSeq, event.seq);
         // A refused request is not part of an exchange: the daemon got an exception.
         const bool refused = event.status != 0 || event.replySummary.rfind("exception: ", 0) == 0;
-        const std::string phase = apply.phase;
-        const bool inFlight = phase == "taken" || phase == "received";
-        if (refused) {
-            // nothing to follow
-        } else if (event.name == "waitForResponse") {
-            if (phase == "queued" && event.replySummary == "config_set:") {
-                apply.phase = "taken";
-                configVersion++;
-            } else if (inFlight) {
-                // The daemon went on to its next command without sending a document back:
-                // it refused the text and its defaults alike.
-                apply.phase = "unanswered";
-                configVersion++;
-            }
-        } else if (event.name == "receiveConfig" && phase == "taken") {
-            apply.phase = "received";
-            configVersion++;
-        } else if (event.name == "sendConfigErrorMessage" && inFlight) {
-            const std::string text = event.decoded.strings.empty() ? "" : event.decoded.strings[0];
-            JsonRef parsed(parse(text));
-            if (!json_is_object(parsed.get()))
-                parsed = JsonRef(json_pack("{ss}", "", text.c_str()));
-            apply.objections = std::move(parsed);
-            configVersion++;
-        } else if (event.name == "sendConfig") {
-            if (inFlight) {
-                apply.answer =
-                    JsonRef(parse(event.decoded.strings.empty() ? "" : event.decoded.strings[0]));
-                apply.phase = "answered";
-            }
-            configVersion++;
-        }
+        if (!refused) followApply(event);
+        if (event.name == "sendConfig") configVersion++;
     }
     changed.notify_all();
+}
+
+void Console::Impl::followApply(const TraceEvent& event) {
+    const std::string phase = apply.phase;
+    const bool inFlight = phase == "taken" || phase == "received";
+    const std::string argument = event.decoded.strings.empty() ? "" : event.decoded.strings[0];
+    if (event.name == "waitForResponse") {
+        if (phase == "queued" && event.replySummary == "config_set:") {
+            apply.phase = "taken";
+        } else if (inFlight) {
+            // The daemon went on to its next command without sending a document back: it
+            // refused the text and its defaults alike.
+            apply.phase = "unanswered";
+        } else {
+            return;
+        }
+    } else if (event.name == "receiveConfig" && phase == "taken") {
+        apply.phase = "received";
+    } else if (event.name == "sendConfigErrorMessage" && inFlight) {
+        JsonRef parsed(parse(argument));
+        if (!json_is_object(parsed.get()))
+            parsed = JsonRef(json_pack("{ss}", "", argument.c_str()));
+        apply.objections = std::move(parsed);
+    } else if (event.name == "sendConfig" && inFlight) {
+        apply.answer = JsonRef(parse(argument));
+        apply.phase = "answered";
+    } else {
+        return;
+    }
+    configVersion++;
 }
 
 // A page from another site must not read or steer the daemon. The Host must name this
