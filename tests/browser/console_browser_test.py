@@ -79,10 +79,11 @@ def start_processes():
         f.write("/sdcard/")
     shutil.copy(os.path.join(ARGS.modules, "lib_vd_settings.so"), os.path.join(root, "system/lib64"))
 
-    standin = subprocess.Popen(
-        [os.path.join(ARGS.build, "tools/standin/vd-standin"), "--root", root, "serve", "--http",
-         "127.0.0.1:0"],
-        stdout=subprocess.PIPE, stderr=subprocess.DEVNULL)
+    with open(os.path.join(root, "standin.stderr"), "w") as log:
+        standin = subprocess.Popen(
+            [os.path.join(ARGS.build, "tools/standin/vd-standin"), "--root", root, "serve",
+             "--http", "127.0.0.1:0"],
+            stdout=subprocess.PIPE, stderr=log)
     ENV["standin"] = standin
     printed = b""
     deadline = time.monotonic() + TIMEOUT
@@ -104,15 +105,24 @@ def start_processes():
 
 
 def stop_processes():
+    """Ends both; False when vd-standin did not stop cleanly (a crash, a sanitizer report)."""
+    clean = True
     for name in ("daemon", "standin"):
         process = ENV.get(name)
-        if process and process.poll() is None:
+        if not process:
+            continue
+        if process.poll() is None:
             process.send_signal(signal.SIGTERM if name == "standin" else signal.SIGKILL)
             process.wait(timeout=TIMEOUT)
-        if process and process.stdout:
+        if process.stdout:
             process.stdout.close()
+        if name == "standin" and process.returncode != 0:
+            with open(os.path.join(ENV["root"], "standin.stderr")) as log:
+                print(f"vd-standin ended with status {process.returncode}:\n{log.read()}")
+            clean = False
     if ENV.get("root"):
         shutil.rmtree(ENV["root"], ignore_errors=True)
+    return clean
 
 
 def start_browser():
@@ -241,11 +251,12 @@ def main():
     if not os.access(os.path.join(ARGS.build, "tools/standin/vd-standin"), os.X_OK):
         print("SKIPPED: no vd-standin in the build (libcli11-dev missing)")
         return SKIP
+    result = None
     try:
         result = unittest.main(argv=[sys.argv[0], "-v"] + rest, exit=False).result
     finally:
-        stop_processes()
-    return 0 if result.wasSuccessful() else 1
+        clean = stop_processes()
+    return 0 if result.wasSuccessful() and clean else 1
 
 
 if __name__ == "__main__":
