@@ -125,6 +125,20 @@ int32_t Parcel::readExceptionCode() {
     return code;
 }
 
+bool Parcel::readByteWords(std::string* out) {
+    const size_t start = pos_;
+    int32_t n = 0;
+    if (!readInt32(&n) || n < 0 || static_cast<uint64_t>(n) * 4 > dataAvail()) {
+        pos_ = start;
+        return false;
+    }
+    const uint8_t* p = data_.data() + pos_;
+    out->resize(static_cast<size_t>(n));
+    for (size_t i = 0; i < out->size(); i++) (*out)[i] = static_cast<char>(p[4 * i]);
+    pos_ += 4 * static_cast<size_t>(n);
+    return true;
+}
+
 bool Parcel::readLowBytes(size_t units, std::string* out) {
     if (units > dataAvail() / 2) return false;
     const uint64_t padded = padSize(uint64_t{units} * 2);

@@ -59,6 +59,9 @@ class Parcel {
     // The reply header: 0 for none (an empty reply included), the -128 reply header skipped.
     // A non-zero code consumes its message and stack header.
     int32_t readExceptionCode();
+    // The reverse of writeByteWords, for the service's side: the low byte of each word. Fails
+    // without moving on a negative length or words that claim more than the data holds.
+    bool readByteWords(std::string* out);
     // `units` 16-bit units (padded to 4 bytes), keeping the low byte of each; fails without
     // moving when they do not fit.
     bool readLowBytes(size_t units, std::string* out);

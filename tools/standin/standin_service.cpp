@@ -43,15 +43,7 @@ int64_t nowMillis() {
 
 // The daemon's strings: int32 n, then n words of one byte each. False when the words
 // claim more than the request holds.
-bool readWordString(Parcel& data, std::string* out) {
-    int32_t n = 0;
-    if (!data.readInt32(&n) || n < 0 || static_cast<uint64_t>(n) * 4 > data.dataAvail()) {
-        return false;
-    }
-    out->resize(static_cast<size_t>(n));
-    for (int32_t i = 0; i < n; i++) (*out)[i] = static_cast<char>(data.readInt32() & 0xff);
-    return true;
-}
+bool readWordString(Parcel& data, std::string* out) { return data.readByteWords(out); }
 
 // The daemon keeps the low byte of each unit, so every byte travels as its own unit.
 std::u16string byteUnits(const std::string& text) {
