@@ -234,6 +234,40 @@ func (bp *blueprint) includes(m *module) []string {
 	return dirs
 }
 
+// Folders of the genrules already run, by name.
+var generated = map[string]string{}
+
+// generate runs a genrule of this file as Soong would ($(in): its srcs, $(out): its one
+// output) into a folder of its own, and gives that folder.
+func (bp *blueprint) generate(name string) (string, error) {
+	if dir, ok := generated[name]; ok {
+		return dir, nil
+	}
+	m, ok := bp.modules[name]
+	if !ok || m.typ != "genrule" {
+		return "", fmt.Errorf("not a genrule of this file")
+	}
+	outs := strs(m.props["out"])
+	if len(outs) != 1 {
+		return "", fmt.Errorf("wants one output, has %d", len(outs))
+	}
+	dir, err := os.MkdirTemp("", "bpcheck-gen-")
+	if err != nil {
+		return "", err
+	}
+	var ins []string
+	for _, src := range strs(m.props["srcs"]) {
+		ins = append(ins, filepath.Join(bp.dir, src))
+	}
+	cmd := strings.ReplaceAll(str(m.props["cmd"]), "$(in)", strings.Join(ins, " "))
+	cmd = strings.ReplaceAll(cmd, "$(out)", filepath.Join(dir, outs[0]))
+	if out, err := exec.Command("sh", "-c", cmd).CombinedOutput(); err != nil {
+		return "", fmt.Errorf("%v: %s", err, out)
+	}
+	generated[name] = dir
+	return dir, nil
+}
+
 type compileJob struct {
 	module, src string
 	args        []string
@@ -259,6 +293,14 @@ func (bp *blueprint) compile(compiler string, defaults []string) {
 		flags = append(flags, bp.list(m, "cppflags")...)
 		for _, dir := range bp.includes(m) {
 			flags = append(flags, "-I"+filepath.Join(bp.dir, dir))
+		}
+		for _, gen := range bp.list(m, "generated_headers") {
+			dir, err := bp.generate(gen)
+			if err != nil {
+				bp.errorf("%s: generated_headers %q: %v", name, gen, err)
+				continue
+			}
+			flags = append(flags, "-I"+dir)
 		}
 		srcs := bp.list(m, "srcs")
 		sort.Strings(srcs)
