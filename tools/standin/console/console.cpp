@@ -650,7 +650,10 @@ bool Console::start(const std::string& address, std::string* error) {
 }
 
 std::string Console::url() const {
-    const std::string& h = impl_->host;
+    // A console on every address is opened here through loopback.
+    std::string h = impl_->host == "0.0.0.0" ? "127.0.0.1"
+                    : impl_->host == "::"    ? "::1"
+                                             : impl_->host;
     return "http://" + (isIpv6(h) ? "[" + h + "]" : h) + ":" + std::to_string(impl_->port) + "/";
 }
 
