@@ -59,5 +59,6 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         vdfuzz::fail("pass without service", "");
     }
     if (device.property("persist.sys.vd.tw_bugreport") != "true") vdfuzz::fail("request lost", "");
+    device.endInput();
     return 0;
 }

@@ -99,5 +99,6 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     device.reset();
     vdtools::lintConfig(text);
 #endif
+    device.endInput();
     return 0;
 }

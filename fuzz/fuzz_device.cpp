@@ -334,15 +334,7 @@ void FuzzDevice::reset() {
             snprintf(configs[i].value, VD_CONFIG_VALUE_SIZE, "%s", saved[i].second.c_str());
         }
     }
-    gProperties->values = *gBaseProperties;
-    debugSingleton::resetForTesting();
-    runState = kStateStopped;
-    quickTapModeAtStart = 0;
-    resetConfigValidationForTesting();
-    resetConfigFileForTesting();
-    resetQuickTapForTesting();
-    gProcesses->output.clear();
-    gServices->present = true;
+    resetMemory();
 
     removeRoot(root_ + "/sdcard");
     removeRoot(root_ + "/storage");
@@ -350,6 +342,27 @@ void FuzzDevice::reset() {
     std::error_code ec;
     std::filesystem::create_directories(root_ + "/sdcard/Tellwick", ec);
     gLog->lines.clear();
+}
+
+void FuzzDevice::resetMemory() {
+    gProperties->values = *gBaseProperties;
+    // The switches put back as read from the base properties, on the same instance: dropping
+    // it would retire one instance per input (tests keep them reachable), a growing heap.
+    debugSingleton& debug = debugSingleton::getInstance();
+    debug.debugLog = gBaseProperties->at("persist.sys.vd.debug_log") == "true";
+    debug.internalSd = gBaseProperties->at("persist.sys.vd.internal_sd") == "true";
+    runState = kStateStopped;
+    quickTapModeAtStart = 0;
+    resetConfigValidationForTesting();
+    resetConfigFileForTesting();
+    resetQuickTapForTesting();
+    std::string().swap(gProcesses->output);
+    gServices->present = true;
+}
+
+void FuzzDevice::endInput() {
+    resetMemory();
+    std::vector<std::string>().swap(gLog->lines);
 }
 
 void FuzzDevice::setProperty(const std::string& key, const std::string& value) {

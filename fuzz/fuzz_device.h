@@ -20,6 +20,11 @@ class FuzzDevice {
     // Everything back to the state after start-up: settings, properties, flags, the log
     // tree below "/sdcard/" and "/storage/", the tool output and the service's presence.
     void reset();
+    // Frees what the input left behind in memory (log lines, properties, the daemon's
+    // per-process state). Called last in every input: libFuzzer scans the whole heap for
+    // leaks after any input that allocates more than it frees, and an input whose state was
+    // freed only by the next one's reset looked like that.
+    void endInput();
 
     // Host path of the device root (no trailing "/").
     const std::string& root() const { return root_; }
@@ -43,6 +48,8 @@ class FuzzDevice {
 
   private:
     FuzzDevice();
+    // Settings aside: everything in memory back to the start (no file is touched).
+    void resetMemory();
     std::string root_;
 };
 

@@ -120,5 +120,6 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     snprintf(logPath.value, sizeof(logPath.value), "%s", text.c_str());
     free(getConfig());
     checkSettled("Log Path", logPath.value, root);
+    device.endInput();
     return 0;
 }

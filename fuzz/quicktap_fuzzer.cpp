@@ -96,5 +96,6 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     }
     std::string written = device.property("persist.sys.vd.quick_tap_module_time");
     if (written.size() > kPropMax) vdfuzz::fail("property too long", written);
+    device.endInput();
     return 0;
 }
