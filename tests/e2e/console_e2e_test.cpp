@@ -21,7 +21,6 @@ TEST(ConsoleE2ETest, Unavailable) {
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <atomic>
 #include <chrono>
 #include <cstring>
 #include <filesystem>
@@ -224,7 +223,6 @@ class ConsoleE2ETest : public ::testing::Test {
 
 TEST_F(ConsoleE2ETest, RefusesRequestsThatAreNotItsOwn) {
     const std::string start = R"({"command":"start:"})";
-    const std::string host = "127.0.0.1:" + std::to_string(port_);
     struct Case {
         const char* what;
         const char* method;
