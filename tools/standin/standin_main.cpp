@@ -604,41 +604,6 @@ bool readFile(const std::string& file, std::string* out) {
     return true;
 }
 
-// The values of `sent` that the daemon's document `kept` holds otherwise (a path it
-// corrected, a reset after a refusal), as lines; settings are matched by name.
-std::string valuesNotKept(const std::string& sent, const std::string& kept) {
-    std::string lines;
-    json_t* a = json_loads(sent.c_str(), 0, nullptr);
-    json_t* b = json_loads(kept.c_str(), 0, nullptr);
-    const char* module = nullptr;
-    json_t* body = nullptr;
-    json_object_foreach(a, module, body) {
-        json_t* theirs = json_object_get(json_object_get(b, module), "settings");
-        size_t i = 0, j = 0;
-        json_t *mine = nullptr, *other = nullptr;
-        json_array_foreach(json_object_get(body, "settings"), i, mine) {
-            const char* name = json_string_value(json_object_get(mine, "name"));
-            const char* value = json_string_value(json_object_get(mine, "value"));
-            json_array_foreach(theirs, j, other) {
-                const char* now = json_string_value(json_object_get(other, "value"));
-                const char* theirName = json_string_value(json_object_get(other, "name"));
-                if (name == nullptr || value == nullptr || now == nullptr || theirName == nullptr ||
-                    strcmp(name, theirName) != 0) {
-                    continue;
-                }
-                if (strcmp(value, now) != 0) {
-                    lines += std::string("  ") + module + " / " + name + ": sent \"" + value +
-                             "\", the daemon has \"" + now + "\"\n";
-                }
-                break;
-            }
-        }
-    }
-    json_decref(a);
-    json_decref(b);
-    return lines;
-}
-
 // Prints the daemon's answer to a document; kFailed when it did not take it cleanly.
 int reportConfigSet(const std::string& sent, const std::string& outcomeJson) {
     json_t* outcome = json_loads(outcomeJson.c_str(), 0, nullptr);
@@ -684,8 +649,14 @@ int reportConfigSet(const std::string& sent, const std::string& outcomeJson) {
                   << "\n";
     }
     const char* echoed = json_string_value(json_object_get(outcome, "document"));
-    const std::string changed = echoed != nullptr ? valuesNotKept(sent, echoed) : "";
-    if (!changed.empty()) std::cout << "values the daemon did not keep:\n" << changed;
+    if (echoed != nullptr) {
+        const std::vector<vdstandin::NotKept> changed = vdstandin::valuesNotKept(sent, echoed);
+        if (!changed.empty()) std::cout << "values the daemon did not keep:\n";
+        for (const vdstandin::NotKept& v : changed) {
+            std::cout << "  " << v.module << " / " << v.setting << ": sent \"" << v.sent
+                      << "\", the daemon has \"" << v.now << "\"\n";
+        }
+    }
     json_decref(outcome);
     return rc;
 }

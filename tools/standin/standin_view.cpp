@@ -453,4 +453,43 @@ std::string traceEventText(const TraceEvent& event, bool colour) {
     return line + " = " + (textual ? quoted(event.replySummary, kShown) : event.replySummary);
 }
 
+namespace {
+
+// The settings of `module` in a document, with their values, in order.
+std::vector<std::pair<std::string, std::string>> settingsOf(json_t* document, const char* module) {
+    std::vector<std::pair<std::string, std::string>> out;
+    json_t* settings = json_object_get(json_object_get(document, module), "settings");
+    size_t i;
+    json_t* entry;
+    json_array_foreach(settings, i, entry) {
+        const char* name = json_string_value(json_object_get(entry, "name"));
+        const char* value = json_string_value(json_object_get(entry, "value"));
+        if (name != nullptr && value != nullptr) out.emplace_back(name, value);
+    }
+    return out;
+}
+
+}  // namespace
+
+std::vector<NotKept> valuesNotKept(const std::string& sent, const std::string& answer) {
+    std::vector<NotKept> out;
+    json_t* asked = json_loads(sent.c_str(), 0, nullptr);
+    json_t* held = json_loads(answer.c_str(), 0, nullptr);
+    const char* module;
+    json_t* ignored;
+    json_object_foreach(asked, module, ignored) {
+        const auto now = settingsOf(held, module);
+        for (const auto& [name, value] : settingsOf(asked, module)) {
+            auto it = std::find_if(now.begin(), now.end(),
+                                   [&name = name](const auto& s) { return s.first == name; });
+            if (it != now.end() && it->second != value) {
+                out.push_back({module, name, value, it->second});
+            }
+        }
+    }
+    json_decref(asked);
+    json_decref(held);
+    return out;
+}
+
 }  // namespace vdstandin

@@ -78,4 +78,12 @@ std::string traceEventJson(const TraceEvent& event, bool withBytes);
 // Long strings are cut to a readable length; the JSON form has them whole.
 std::string traceEventText(const TraceEvent& event, bool colour = false);
 
+// A value of a document handed to the daemon that the daemon's answer holds differently: what
+// a reset, a corrected path or a refused document left in place of what was asked. Settings
+// the answer lacks are not listed.
+struct NotKept {
+    std::string module, setting, sent, now;
+};
+std::vector<NotKept> valuesNotKept(const std::string& sent, const std::string& answer);
+
 }  // namespace vdstandin

@@ -99,36 +99,19 @@ std::string lower(std::string text) {
     return text;
 }
 
-// The names of the settings of `module` in a document, with their values.
-std::vector<std::pair<std::string, std::string>> settingsOf(json_t* document, const char* module) {
-    std::vector<std::pair<std::string, std::string>> out;
-    json_t* settings = json_object_get(json_object_get(document, module), "settings");
-    size_t i;
-    json_t* entry;
-    json_array_foreach(settings, i, entry) {
-        const char* name = json_string_value(json_object_get(entry, "name"));
-        const char* value = json_string_value(json_object_get(entry, "value"));
-        if (name != nullptr && value != nullptr) out.emplace_back(name, value);
-    }
-    return out;
-}
-
-// The values of `sent` that the daemon's answer holds differently: what a reset, a corrected
-// path or a refused document left in place of what was asked.
+// The values of `sent` that the daemon's answer holds differently.
 json_t* notKept(json_t* sent, json_t* answer) {
     json_t* out = json_array();
-    const char* module;
-    json_t* ignored;
-    json_object_foreach(sent, module, ignored) {
-        auto now = settingsOf(answer, module);
-        for (const auto& [name, value] : settingsOf(sent, module)) {
-            auto held = std::find_if(now.begin(), now.end(),
-                                     [&name = name](const auto& s) { return s.first == name; });
-            if (held == now.end() || held->second == value) continue;
-            json_array_append_new(
-                out, json_pack("{ssssssss}", "module", module, "setting", name.c_str(), "sent",
-                               value.c_str(), "now", held->second.c_str()));
-        }
+    auto text = [](json_t* document) {
+        char* dumped = json_dumps(document, 0);
+        std::string result = dumped != nullptr ? dumped : "";
+        free(dumped);
+        return result;
+    };
+    for (const NotKept& v : valuesNotKept(text(sent), text(answer))) {
+        json_array_append_new(
+            out, json_pack("{ssssssss}", "module", v.module.c_str(), "setting", v.setting.c_str(),
+                           "sent", v.sent.c_str(), "now", v.now.c_str()));
     }
     return out;
 }
