@@ -68,37 +68,48 @@ extern "C" int LLVMFuzzerInitialize(int*, char***) {
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     vdfuzz::FuzzDevice& device = vdfuzz::FuzzDevice::get();
     const std::string text(reinterpret_cast<const char*>(data), size);
-
-    // A document from the service, step by step.
     device.reset();
     bool accepted = validateConfig(text.c_str()) == 0;
-    updateConfig(text.c_str());
-    if (accepted) checkRoundTrip(text.c_str());
-    moduleValConfig(0);
 
-    // The whole apply. A refused text is still laid over the defaults as far as it fits, so
-    // only an accepted one promises a file the daemon accepts in turn.
-    device.reset();
-    setConfig(text.c_str());
-    const std::string path = "/sdcard/Tellwick/config.json";
-    if (!device.exists(path)) vdfuzz::fail("no configuration file after an apply", "");
-    if (accepted) {
-        char* saved = fileReader(path.c_str());
-        int rc = validateConfig(saved);
-        if (rc != 0) vdfuzz::fail("saved configuration refused", saved);
-        delete[] saved;
-    }
-
-    // A deployed file merged by name.
-    device.reset();
-    int merged = makeUpdateConfig(text.c_str());
-    if (merged < -1 || merged > 1) vdfuzz::fail("makeUpdateConfig result", std::to_string(merged));
-    free(getConfig());
-
+    // One way in per input, picked by the length, so that an input costs one operation (an
+    // apply alone resolves the storage root several times and writes the file durably) and
+    // the mutations, which change lengths all the time, still take every text every way.
+    switch (size % 4) {
+        case 0:
+            // A document from the service, step by step.
+            updateConfig(text.c_str());
+            if (accepted) checkRoundTrip(text.c_str());
+            moduleValConfig(0);
+            break;
+        case 1: {
+            // The whole apply. A refused text is still laid over the defaults as far as it
+            // fits, so only an accepted one promises a file the daemon accepts in turn.
+            setConfig(text.c_str());
+            const std::string path = "/sdcard/Tellwick/config.json";
+            if (!device.exists(path)) vdfuzz::fail("no configuration file after an apply", "");
+            if (accepted) {
+                char* saved = fileReader(path.c_str());
+                int rc = validateConfig(saved);
+                if (rc != 0) vdfuzz::fail("saved configuration refused", saved);
+                delete[] saved;
+            }
+            break;
+        }
+        case 2: {
+            // A deployed file merged by name.
+            int merged = makeUpdateConfig(text.c_str());
+            if (merged < -1 || merged > 1) {
+                vdfuzz::fail("makeUpdateConfig result", std::to_string(merged));
+            }
+            free(getConfig());
+            break;
+        }
+        default:
 #ifdef VDFUZZ_WITH_LINT
-    device.reset();
-    vdtools::lintConfig(text);
+            vdtools::lintConfig(text);
 #endif
+            break;
+    }
     device.endInput();
     return 0;
 }

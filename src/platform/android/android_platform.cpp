@@ -93,10 +93,10 @@ bool installDefault(std::string* /*error*/) {
 
 void releaseFreeMemory() {
     // Every thread's cache where the platform has the call (API 34), else the allocator's
-    // own free pages.
+    // own free pages (API 28). Both are macros in bionic's <malloc.h>.
 #if defined(M_PURGE_ALL)
     mallopt(M_PURGE_ALL, 0);
-#else
+#elif defined(M_PURGE)
     mallopt(M_PURGE, 0);
 #endif
 }
