@@ -4,7 +4,8 @@
 # received and what changed on storage; the session fails (exit 1) when a step does not do
 # what it should.
 #
-#   scripts/demo.sh                 build with the dev preset, then run the session
+#   scripts/demo.sh                 build what it runs (dev preset), then run the session
+#   scripts/demo.sh --help          this text
 #   scripts/demo.sh --console [ADDR]   instead, serve the browser console (default
 #                                   127.0.0.1:8080) and keep both running until Ctrl-C
 #   VIGILD_BUILD_DIR=DIR scripts/demo.sh   use binaries already built in DIR, build nothing
@@ -12,6 +13,9 @@
 set -euo pipefail
 
 here="$(cd "$(dirname "$0")/.." && pwd)"
+case "${1:-}" in
+    -h | --help) sed -n '2,/^set -euo/p' "$0" | sed '$d' | sed 's/^# \{0,1\}//'; exit 0 ;;
+esac
 console=""
 if [ "${1:-}" = --console ]; then console="${2:-127.0.0.1:8080}"; fi
 scale="${VIGILD_TIME_SCALE:-0.02}"
@@ -23,7 +27,9 @@ if [ -n "${VIGILD_BUILD_DIR:-}" ]; then
 else
     build="$here/build/dev"
     if [ -x "$here/scripts/deps.sh" ]; then "$here/scripts/deps.sh"; fi
-    (cd "$here" && cmake --preset dev >/dev/null && cmake --build --preset dev)
+    # Only what the session runs; the tests are built by scripts/test.sh.
+    (cd "$here" && cmake --preset dev >/dev/null &&
+        cmake --build --preset dev --target vigild vd-standin vd-config-edit vd_logcat)
 fi
 vigild="$build/vigild"
 standin="$build/tools/standin/vd-standin"
@@ -65,9 +71,11 @@ cleanup() {
 trap cleanup EXIT
 
 # ---------------------------------------------------------------------------- helpers
-bold() { printf '\n\033[1m%s\033[0m\n' "$*"; }
+# Colour only for a terminal.
+if [ -t 1 ] && [ -z "${NO_COLOR:-}" ]; then b=$'\033[1m' r=$'\033[31m' n=$'\033[0m'; else b="" r="" n=""; fi
+bold() { printf '\n%s%s%s\n' "$b" "$*" "$n"; }
 fail() {
-    printf '\033[31mFAILED: %s\033[0m\n' "$*"
+    printf '%sFAILED: %s%s\n' "$r" "$*" "$n"
     echo "--- last daemon lines"; tail -n 15 "$ROOT/vigild.log" 2>/dev/null || true
     exit 1
 }
@@ -146,7 +154,7 @@ before=$(starts)
 "$edit" "$ROOT/sdcard/Tellwick/config.json" LogcatModule Command \
     'for i in 1 2 3 4 5 6 7 8 9 10; do echo demo tick $i; sleep 1; done' > "$ROOT/new-config.json" \
     || fail "could not edit the configuration"
-svc config-set "$ROOT/new-config.json"
+svc config set "$ROOT/new-config.json" >/dev/null
 wait_for "the logcat module did not run the new command" "grep -q 'demo tick 1' '$ROOT/$log_file'"
 svc wait-state running --timeout "$timeout_s" >/dev/null || fail "not running after the change"
 end_step
