@@ -396,19 +396,29 @@ std::string statusText(const StandinService& service, bool colour, int64_t now) 
     return out;
 }
 
+// "2026-11-25T08:15:02.123Z" (UTC) for programs, "08:15:02.123" (local time) for people.
+static std::string clockText(int64_t unixMillis, bool utcIso) {
+    const time_t seconds = static_cast<time_t>(unixMillis / 1000);
+    struct tm t = {};
+    if (utcIso) {
+        gmtime_r(&seconds, &t);
+    } else {
+        localtime_r(&seconds, &t);
+    }
+    char when[40];
+    const size_t n = strftime(when, sizeof(when), utcIso ? "%Y-%m-%dT%H:%M:%S" : "%H:%M:%S", &t);
+    snprintf(when + n, sizeof(when) - n, utcIso ? ".%03dZ" : ".%03d",
+             static_cast<int>(unixMillis % 1000));
+    return when;
+}
+
 std::string traceEventJson(const TraceEvent& event, bool withBytes) {
     const auto* t = transaction(event.code);
     Json root = wrap(json_object());
     json_t* o = root.get();
     json_object_set_new(o, "seq", json_integer(static_cast<json_int_t>(event.seq)));
     json_object_set_new(o, "unixMillis", json_integer(event.unixMillis));
-    const time_t seconds = static_cast<time_t>(event.unixMillis / 1000);
-    struct tm utc = {};
-    gmtime_r(&seconds, &utc);
-    char when[40];
-    const size_t n = strftime(when, sizeof(when), "%Y-%m-%dT%H:%M:%S", &utc);
-    snprintf(when + n, sizeof(when) - n, ".%03dZ", static_cast<int>(event.unixMillis % 1000));
-    json_object_set_new(o, "time", json_string(when));
+    json_object_set_new(o, "time", json_string(clockText(event.unixMillis, true).c_str()));
     json_object_set_new(o, "code", json_integer(event.code));
     json_object_set_new(o, "name", text(event.name));
     json_object_set_new(o, "direction",
@@ -428,15 +438,9 @@ std::string traceEventJson(const TraceEvent& event, bool withBytes) {
 std::string traceEventText(const TraceEvent& event, bool colour) {
     constexpr size_t kShown = 160;
     const auto* t = transaction(event.code);
-    const time_t seconds = static_cast<time_t>(event.unixMillis / 1000);
-    struct tm local = {};
-    localtime_r(&seconds, &local);
-    char when[32];
-    const size_t n = strftime(when, sizeof(when), "%H:%M:%S", &local);
-    snprintf(when + n, sizeof(when) - n, ".%03d", static_cast<int>(event.unixMillis % 1000));
+    const std::string when = clockText(event.unixMillis, false);
     const bool query = t != nullptr && t->reply != vigild::protocol::Reply::None;
-    std::string line = std::string(when) + " #" + std::to_string(event.seq) + " " +
-                       (query ? "<- " : "-> ") +
+    std::string line = when + " #" + std::to_string(event.seq) + " " + (query ? "<- " : "-> ") +
                        colourise(event.name, query ? "36" : "35", colour) + "[" +
                        std::to_string(event.code) + "](";
     std::string args;
