@@ -1,5 +1,5 @@
 // In-process costs of the configuration work and the parcel codec on synthetic registries of
-// 10, 40 and 100 modules with 25 settings each. Every measurement has its floor beside it in
+// 10, 40, 100 and 400 modules with 25 settings each. Every measurement has its floor beside it in
 // the same run: the plain JSON library doing the least the operation must do.
 #include <benchmark/benchmark.h>
 #include <jansson.h>
@@ -16,6 +16,7 @@
 #include "config/document.h"
 #include "core/daemon_state.h"
 #include "core/module_registry.h"
+#include "core/thread_annotations.h"
 #include "service/bpvd_service.h"
 #include "service/parcel.h"
 #include "storage/utility.h"
@@ -68,7 +69,7 @@ const Documents& useRegistry(int count) {
     return docs;
 }
 
-void sizes(benchmark::internal::Benchmark* b) { b->Arg(10)->Arg(40)->Arg(100); }
+void sizes(benchmark::internal::Benchmark* b) { b->Arg(10)->Arg(40)->Arg(100)->Arg(400); }
 
 // The floor of every text-in operation: one parse and one dump of the same document.
 void BM_JsonLoadsDumps(benchmark::State& state) {
@@ -84,7 +85,42 @@ void BM_JsonLoadsDumps(benchmark::State& state) {
 }
 BENCHMARK(BM_JsonLoadsDumps)->Apply(sizes);
 
+// The document built afresh, as after any change: the storage root is resolved once by the
+// operation (every caller in the daemon does so before taking the lock) and passed down.
 void BM_GetConfig(benchmark::State& state) {
+    useRegistry(static_cast<int>(state.range(0)));
+    const std::string root = storageRootForDocument();
+    for (auto _ : state) {
+        char* text = nullptr;
+        {
+            vigild::Lock lock(configMutex);
+            text = buildConfigUncached(root);
+        }
+        benchmark::DoNotOptimize(text);
+        free(text);
+    }
+}
+BENCHMARK(BM_GetConfig)->Apply(sizes);
+
+// getConfig(root) with the settings unchanged since the last build: the path checks, the
+// comparison with the kept inputs and a copy of the kept text.
+void BM_GetConfigKept(benchmark::State& state) {
+    useRegistry(static_cast<int>(state.range(0)));
+    const std::string root = storageRootForDocument();
+    for (auto _ : state) {
+        char* text = nullptr;
+        {
+            vigild::Lock lock(configMutex);
+            text = getConfig(root);
+        }
+        benchmark::DoNotOptimize(text);
+        free(text);
+    }
+}
+BENCHMARK(BM_GetConfigKept)->Apply(sizes);
+
+// The whole call as a tool makes it: the storage root resolved, then the kept text.
+void BM_GetConfigCall(benchmark::State& state) {
     useRegistry(static_cast<int>(state.range(0)));
     for (auto _ : state) {
         char* text = getConfig();
@@ -92,7 +128,14 @@ void BM_GetConfig(benchmark::State& state) {
         free(text);
     }
 }
-BENCHMARK(BM_GetConfig)->Apply(sizes);
+BENCHMARK(BM_GetConfigCall)->Apply(sizes);
+
+// The storage root look-up alone, which each operation makes once.
+void BM_StorageRoot(benchmark::State& state) {
+    useRegistry(static_cast<int>(state.range(0)));
+    for (auto _ : state) benchmark::DoNotOptimize(storageRootForDocument());
+}
+BENCHMARK(BM_StorageRoot)->Arg(10);
 
 // The floor of getConfig: the same tree built from the C values and dumped.
 void BM_BuildTreeAndDump(benchmark::State& state) {
