@@ -2,6 +2,8 @@
 # Builds the release preset and runs every benchmark, printing one table of medians and ratios
 # (vigild beside its peer, each pair measured in the same run). Takes about ten minutes.
 # Usage: scripts/bench.sh [options of bench/run_bench.py, e.g. --only inproc,daemon]
+#   --quick runs every part once on small inputs (CI: that they build and run, ~30 s);
+#   --only delete1m adds the opt-in million-file deletion (about 1 GiB of tmpfs per tree).
 # BENCH_BUILD names another build folder (default: build/release, the preset's own).
 set -euo pipefail
 cd "$(dirname "$0")/.."
