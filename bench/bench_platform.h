@@ -6,6 +6,8 @@
 #include <memory>
 #include <string>
 
+#include "fakes/reset_state.h"
+
 namespace vdbench {
 
 class BenchPlatform {

@@ -16,6 +16,7 @@
 #include "core/daemon_state.h"
 #include "core/debug_singleton.h"
 #include "core/module_registry.h"
+#include "fakes/reset_state.h"
 #include "platform/host/host_platform.h"
 #include "platform/platform.h"
 #include "quicktap/quicktap.h"
@@ -290,7 +291,7 @@ FuzzDevice::FuzzDevice() {
         {"ro.debuggable", "1"},
     };
     gProperties->values = *gBaseProperties;
-    debugSingleton::resetForTesting();
+    resetDebugSwitchesForTesting();
     resetDaemonStateForTesting();
 
     // The order the loader leaves: the daemon's own settings, libraries by name, QuickTap.

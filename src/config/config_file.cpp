@@ -337,5 +337,3 @@ std::string persistLogPathUpdate(bool bootLog, std::string value, std::string st
     if (result.empty()) result = "/sdcard/Tellwick/";
     return result;
 }
-
-void resetConfigFileForTesting() { restartAfterPathChange = false; }

@@ -23,5 +23,3 @@ void updateConfigDefault(bool force);
 std::string persistLogPathUpdate(bool bootLog, std::string value, std::string storageRoot);
 // root + "Tellwick/config.json" ("/sdcard/Tellwick/config.json" for "/sdcard/").
 std::string configFilePath(const std::string& root);
-// Clears restartAfterPathChange (tests).
-void resetConfigFileForTesting();

@@ -345,7 +345,3 @@ void setConfig(const char* text) {
     restartModules();
     LOGD("setConfig:END");
 }
-
-void resetConfigValidationForTesting() {
-    btSnoopConfigChanged = false;
-}

@@ -23,5 +23,3 @@ void moduleRestartNeeded(std::string configPath);
 void isBTSnooplogConfigChanged();
 // The whole apply sequence. Does not take ownership of `text`.
 void setConfig(const char* text);
-// Clears the flags above (tests).
-void resetConfigValidationForTesting();

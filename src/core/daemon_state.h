@@ -17,6 +17,3 @@ extern std::atomic<int> exitRequested;
 extern std::atomic<int> quickTapModeAtStart;
 // The most recent command text (command thread only).
 extern std::string lastCommand;
-
-// Back to the state of a fresh process: registry emptied, flags cleared (tests).
-void resetDaemonStateForTesting();

@@ -1,19 +1,21 @@
 #include "core/debug_singleton.h"
 
 #include <cstring>
-#include <memory>
 #include <mutex>
-#include <vector>
 
-#include "core/thread_annotations.h"
+#include "core/core_state.h"
 #include "platform/platform.h"
 
+namespace vigild::core::state {
+vigild::Mutex debugMutex;
+debugSingleton* debugInstance = nullptr;
+std::atomic<debugSingleton*> debugReady{nullptr};
+}  // namespace vigild::core::state
+
 namespace {
-vigild::Mutex gMutex;
-debugSingleton* gInstance GUARDED_BY(gMutex) = nullptr;
-std::atomic<debugSingleton*> gReady{nullptr};
-// Instances dropped by tests stay reachable: another thread may still hold a reference.
-std::vector<std::unique_ptr<debugSingleton>>* gRetired GUARDED_BY(gMutex) = nullptr;
+using vigild::core::state::debugInstance;
+using vigild::core::state::debugMutex;
+using vigild::core::state::debugReady;
 
 bool propertyIsTrue(const char* key) {
     char value[vigild::platform::kPropValueMax];
@@ -27,21 +29,11 @@ debugSingleton::debugSingleton()
       internalSd(propertyIsTrue("persist.sys.vd.internal_sd")) {}
 
 debugSingleton& debugSingleton::getInstance() {
-    if (debugSingleton* ready = gReady.load(std::memory_order_acquire)) return *ready;
-    vigild::Lock lock(gMutex);
-    if (gInstance == nullptr) {
-        gInstance = new debugSingleton();
-        gReady.store(gInstance, std::memory_order_release);
+    if (debugSingleton* ready = debugReady.load(std::memory_order_acquire)) return *ready;
+    vigild::Lock lock(debugMutex);
+    if (debugInstance == nullptr) {
+        debugInstance = new debugSingleton();
+        debugReady.store(debugInstance, std::memory_order_release);
     }
-    return *gInstance;
-}
-
-void debugSingleton::resetForTesting() {
-    vigild::Lock lock(gMutex);
-    if (gInstance != nullptr) {
-        if (gRetired == nullptr) gRetired = new std::vector<std::unique_ptr<debugSingleton>>;
-        gRetired->emplace_back(gInstance);
-    }
-    gInstance = nullptr;
-    gReady.store(nullptr, std::memory_order_release);
+    return *debugInstance;
 }

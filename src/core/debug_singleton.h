@@ -12,9 +12,6 @@ public:
     // Internal storage only; written by the daemon's own module when its setting changes.
     std::atomic<bool> internalSd{false};
 
-    // Drops the instance so the next use reads the properties again (tests only).
-    static void resetForTesting();
-
 private:
     debugSingleton();
 };

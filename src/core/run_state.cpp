@@ -10,6 +10,7 @@
 
 #include "config/config_file.h"
 #include "config/document.h"
+#include "core/core_state.h"
 #include "core/daemon_state.h"
 #include "core/log.h"
 #include "core/module_registry.h"
@@ -30,9 +31,9 @@ namespace {
 vigild::RecursiveMutex transitionMutex;
 
 // Modules that were started and not stopped since, so a module disabled by a configuration
-// change while running still gets its stop. Leaf lock: nothing is called while holding it.
-vigild::Mutex startedMutex;
-std::set<Module*> startedModules GUARDED_BY(startedMutex);
+// change while running still gets its stop.
+using vigild::core::state::startedModules;
+using vigild::core::state::startedMutex;
 
 void markStarted(Module* module, bool running) {
     vigild::Lock lock(startedMutex);
@@ -263,7 +264,7 @@ bool restartModuleIfRunning(modulePair& entry) {
     return true;
 }
 
-void resetRunStateForTesting() {
-    vigild::Lock lock(startedMutex);
-    startedModules.clear();
-}
+namespace vigild::core::state {
+vigild::Mutex startedMutex;
+std::set<Module*> startedModules;
+}  // namespace vigild::core::state

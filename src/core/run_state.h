@@ -31,5 +31,3 @@ void storeChangedValues(modulePair& entry, const Module::moduleConfig& before,
 // The end-of-file restart of one module (prestop, stop, start with a copy of its settings),
 // as one transition; does nothing and returns false unless the daemon is running.
 bool restartModuleIfRunning(modulePair& entry);
-// Forgets which modules were started (tests).
-void resetRunStateForTesting();

@@ -8,6 +8,7 @@
 #include "core/log.h"
 #include "core/thread_annotations.h"
 #include "platform/platform.h"
+#include "quicktap/quicktap_state.h"
 #include "storage/storage_root.h"
 #include "storage/utility.h"
 
@@ -16,9 +17,8 @@ namespace {
 constexpr const char* kModuleTimeProp = "persist.sys.vd.quick_tap_module_time";
 constexpr int kDefaultCombination = 22;
 
-// Leaf lock: nothing is called while holding it.
-vigild::Mutex gTableMutex;
-std::vector<QuickTapKeyValuePair> gTable GUARDED_BY(gTableMutex);
+using vigild::quicktap::state::gTable;
+using vigild::quicktap::state::gTableMutex;
 
 void appendRowsLocked() REQUIRES(gTableMutex) {
     static const char* const kNames[] = {
@@ -160,7 +160,7 @@ std::vector<QuickTapKeyValuePair> quickTapTable() {
     return gTable;
 }
 
-void resetQuickTapForTesting() {
-    vigild::Lock lock(gTableMutex);
-    gTable.clear();
-}
+namespace vigild::quicktap::state {
+vigild::Mutex gTableMutex;
+std::vector<QuickTapKeyValuePair> gTable;
+}  // namespace vigild::quicktap::state

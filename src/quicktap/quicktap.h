@@ -24,4 +24,3 @@ void createQuickTapKeyValue();
 std::string copyQuickTapConfigFilePath();
 // A copy of the table (tests and tools).
 std::vector<QuickTapKeyValuePair> quickTapTable();
-void resetQuickTapForTesting();

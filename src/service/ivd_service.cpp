@@ -8,6 +8,7 @@
 #include "core/log.h"
 #include "service/bpvd_service.h"
 #include "service/parcel.h"
+#include "service/service_state.h"
 
 using vigild::Parcel;
 
@@ -117,19 +118,8 @@ std::string serviceLookupPlace() {
 
 namespace {
 
-// What has been said about reaching the service, so that an absent service costs a line and
-// then reminders at a falling rate, not a line per retry.
-struct Reachability {
-    std::mutex mutex;
-    enum { kUnknown, kConnected, kUnreachable } state = kUnknown;
-    std::chrono::milliseconds unreachableFor{0};
-    std::chrono::minutes nextReminder{1};
-};
-
-Reachability& reachability() {
-    static auto* r = new Reachability;
-    return *r;
-}
+using vigild::service::state::Reachability;
+using vigild::service::state::reachability;
 
 void noteLookup(bool reached) {
     Reachability& r = reachability();
@@ -165,13 +155,12 @@ void serviceRetryPaused(std::chrono::milliseconds pause) {
     r.nextReminder *= 2;
 }
 
-void resetServiceReachabilityForTesting() {
-    Reachability& r = reachability();
-    std::lock_guard<std::mutex> lock(r.mutex);
-    r.state = Reachability::kUnknown;
-    r.unreachableFor = std::chrono::milliseconds{0};
-    r.nextReminder = std::chrono::minutes{1};
+namespace vigild::service::state {
+Reachability& reachability() {
+    static auto* r = new Reachability;
+    return *r;
 }
+}  // namespace vigild::service::state
 
 sp<Ivd_service> Ivd_service::getInterface() {
     vigild::platform::ServiceManager* services = vigild::platform::current().serviceManager();

@@ -24,8 +24,6 @@ std::string serviceLookupPlace();
 // The command loop's pause between failed lookups, so the "still not reachable" reminders
 // follow the daemon's own (scaled) time: after 1, 2, 4, 8... minutes without the service.
 void serviceRetryPaused(std::chrono::milliseconds pause);
-// Forgets what was logged about reachability (tests).
-void resetServiceReachabilityForTesting();
 
 class Ivd_service {
   public:

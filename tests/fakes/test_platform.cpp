@@ -11,8 +11,7 @@
 #include <sstream>
 #include <thread>
 
-#include "core/daemon_state.h"
-#include "core/debug_singleton.h"
+#include "fakes/reset_state.h"
 #include "platform/platform.h"
 
 namespace vigild::testing {
@@ -220,8 +219,12 @@ TestPlatform::TestPlatform()
     p.serviceManager = testServiceManager;
     gActive = this;
     platform::install(p);
-    debugSingleton::resetForTesting();
+    resetDebugSwitchesForTesting();
     resetDaemonStateForTesting();
+    resetRunStateForTesting();
+    resetConfigFileForTesting();
+    resetConfigValidationForTesting();
+    resetQuickTapForTesting();
 }
 
 TestPlatform::~TestPlatform() {
@@ -251,7 +254,7 @@ std::string TestPlatform::property(const std::string& key, const std::string& fa
 
 void TestPlatform::enableDebugLog() {
     setProperty("persist.sys.vd.debug_log", "true");
-    debugSingleton::resetForTesting();
+    resetDebugSwitchesForTesting();
 }
 
 void TestPlatform::writeFile(const std::string& devicePath, const std::string& content) {

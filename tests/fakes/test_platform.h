@@ -2,8 +2,8 @@
 // tests read back and a virtual clock whose sleeps return at once. Child processes, dynamic
 // loading and the service transport are the host ones, working inside the temporary root.
 //
-// Constructing a TestPlatform installs it and resets the daemon's process-wide state;
-// destroying it removes the temporary root.
+// Constructing a TestPlatform installs it and resets the daemon's process-wide state
+// (reset_state.h); destroying it removes the temporary root.
 #pragma once
 
 #include <atomic>
@@ -18,6 +18,7 @@
 #include <string>
 #include <vector>
 
+#include "fakes/reset_state.h"
 #include "platform/host/host_platform.h"
 #include "platform/platform.h"
 

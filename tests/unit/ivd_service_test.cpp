@@ -1,23 +1,112 @@
-// The proxy against crafted replies (a fake binder) and the connection steps.
+// The service link: the parcel codec, the proxy against crafted replies (a fake binder), the
+// proxy against the stand-in service over a real socket, and what the daemon reports.
 #include "service/ivd_service.h"
 
 #include <gtest/gtest.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
 
 #include <climits>
 #include <functional>
 #include <sstream>
-#include <string_view>
+#include <thread>
 
-#include "core/debug_singleton.h"
+#include "config/document.h"
+#include "core/daemon_state.h"
 #include "core/log.h"
+#include "core/module_loader.h"
+#include "core/module_registry.h"
 #include "fakes/test_platform.h"
 #include "service/bpvd_service.h"
+#include "service/device_report.h"
 #include "service/parcel.h"
 #include "service/protocol.h"
+#include "standin/standin_service.h"
+#include "standin/standin_view.h"
+#include "test_module_probe.h"
 
 namespace {
 
+using namespace std::chrono_literals;
 using vigild::Parcel;
+using vigild::testing::TestPlatform;
+
+std::vector<uint8_t> hex(std::string text) {
+    std::erase(text, ' ');
+    std::vector<uint8_t> out;
+    for (size_t i = 0; i + 1 < text.size(); i += 2)
+        out.push_back(std::stoi(text.substr(i, 2), 0, 16));
+    return out;
+}
+
+// The result of a call, then its out values: "0 SN1".
+template <typename... Out>
+std::string both(int result, const Out&... out) {
+    std::ostringstream text;
+    text << result;
+    ((text << " " << out), ...);
+    return text.str();
+}
+
+// Each row: the words to read, what is read from them, and what that gives.
+TEST(ParcelTest, ReadsStopAtTheirBoundsAndSkipHeaders) {
+    auto str16 = [](Parcel& p) {
+        std::u16string s = u"old";
+        bool isNull = false;
+        const bool ok = p.readString16(&s, &isNull);
+        return both(ok, std::string(s.begin(), s.end()), isNull);
+    };
+    // Arguments are evaluated in no set order: each read is its own statement.
+    auto ex = [](Parcel& p) {
+        const int code = p.readExceptionCode();
+        return both(code, p.readInt32());
+    };
+    const struct {
+        const char* words;
+        std::function<std::string(Parcel&)> read;
+        const char* result;
+        size_t left;
+    } rows[] = {
+        // A String16 is its units, a NUL and padding to the word.
+        {"02000000 61006200 00000000 07000000", str16, "1 ab 0", 4},
+        {"ffffffff 07000000", str16, "1  1", 4},
+        // Length claims beyond the data, or negative, fail without moving.
+        {"ffffff7f 61006200", str16, "0 old 0", 8},
+        {"05000000 61006200", str16, "0 old 0", 8},
+        {"feffffff 61006200", str16, "0 old 0", 8},
+        {"01020304 0506",
+         [](Parcel& p) {
+             const int first = p.readInt32();
+             return both(first, p.readInt32());
+         },
+         "67305985 0", 2},
+        {"", ex, "0 0", 0},
+        // An exception's message and stack header are consumed; the header counts itself.
+        {"fdffffff 01000000 62000000 00000000 37000000", ex, "-3 55", 0},
+        {"ffffffff 01000000 6d000000 08000000 7b000000 38000000", ex, "-1 56", 0},
+        // A reply header (-128) is skipped by its size; a size below its own or beyond the
+        // data leaves nothing to read.
+        {"80ffffff 08000000 01000000 39000000", ex, "0 57", 0},
+        {"80ffffff f8ffffff 07000000", ex, "0 0", 0},
+        {"80ffffff a00f0000 07000000", ex, "0 0", 0},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.words);
+        Parcel p(hex(row.words));
+        EXPECT_EQ(row.read(p), row.result);
+        EXPECT_EQ(p.dataAvail(), row.left);
+    }
+    // A short read fails without moving: 3 bytes take 4, and 2 need their padding too.
+    uint8_t buf[3] = {};
+    Parcel p(hex("01020304 0506"));
+    p.readInt32();
+    for (size_t n : {size_t{3}, size_t{2}, SIZE_MAX}) EXPECT_FALSE(p.read(buf, n)) << n;
+    EXPECT_EQ(p.dataPosition(), 4u);
+    Parcel w;
+    w.writeString16(u"\u0142");
+    EXPECT_EQ(w.data(), hex("01000000 42010000"));
+}
 
 class FakeBinder : public vigild::platform::Binder {
   public:
@@ -31,32 +120,15 @@ class FakeBinder : public vigild::platform::Binder {
     }
     std::vector<uint8_t> nextReply;
     int32_t status = 0;
-    std::vector<uint32_t> codes;
-    std::vector<uint32_t> flags;
+    std::vector<uint32_t> codes, flags;
     std::vector<std::vector<uint8_t>> requests;
-};
-
-// A reply built word by word; u16 strings added as raw units.
-struct Reply {
-    Parcel p;
-    Reply& i(int32_t v) {
-        p.writeInt32(v);
-        return *this;
-    }
-    Reply& s16(std::u16string_view units) {
-        p.writeString16(units);
-        return *this;
-    }
-    std::vector<uint8_t> bytes() const { return p.data(); }
 };
 
 class IvdServiceTest : public ::testing::Test {
   protected:
-    vigild::testing::TestPlatform platform;
+    TestPlatform platform;
     std::shared_ptr<FakeBinder> binder = std::make_shared<FakeBinder>();
     Bpvd_service proxy{binder};
-
-    void reply(const Reply& r) { binder->nextReply = r.bytes(); }
 };
 
 // The interface token as platform libbinder writes it for a system-partition client on
@@ -67,27 +139,12 @@ constexpr const char* kToken =
     "00000080 ffffffff 54535953 1a000000 63006f00 6d002e00 74006100 6e006400 72006900"
     "6c002e00 76006400 2e004900 76006400 5f007300 65007200 76006900 63006500 00000000";
 
-std::vector<uint8_t> hex(std::string text) {
-    std::erase(text, ' ');
-    std::vector<uint8_t> out;
-    for (size_t i = 0; i + 1 < text.size(); i += 2)
-        out.push_back(std::stoi(text.substr(i, 2), 0, 16));
-    return out;
-}
-
 // Every transaction of the table, byte for byte: the request (token included) and what the
 // proxy makes of a typical reply. A change in either encoding fails here, and the device
 // backend sends these same bytes (it copies them into a libbinder Parcel).
 TEST_F(IvdServiceTest, EveryTransactionsBytesArePinned) {
     int v = 99;
     std::string t = "old", apps[2] = {"x", "y"};
-    // The result, then the out value, read after the call (bound by reference).
-    auto both = [](int result, const auto&... out) {
-        std::ostringstream text;
-        text << result;
-        ((text << " " << out), ...);
-        return text.str();
-    };
     const std::string ok = "00000000", sn1 = ok + "00000000 01000000 03000000 53004e00 31000000";
     const struct {
         uint32_t code;
@@ -120,12 +177,8 @@ TEST_F(IvdServiceTest, EveryTransactionsBytesArePinned) {
         {26, [&] { return (proxy.stopAmbientLight(), std::string("-")); }, "", ok, "-"},
         {27, [&] { return both(proxy.wanSignalStrength(v), v); }, "01000000", ok + "b0ffffff",
          "0 -80"},
-        {28,
-         [&] {
-             const int r = proxy.foregroundApplication(apps);
-             return both(r, apps[0] + "|" + apps[1]);
-         },
-         // A length of -1 (a null string) consumes only its length word.
+        // A length of -1 (a null string) consumes only its length word.
+        {28, [&] { return (proxy.foregroundApplication(apps), both(0, apps[0] + "|" + apps[1])); },
          "02000000", ok + "00000000 02000000 ffffffff 01000000 62000000", "0 |b"},
         {29, [&] { return both(proxy.serialNumber(t), t); }, "01000000", sn1, "0 SN1"},
         // High bytes are dropped: units 0x0041 0x0142 0x0043 read as "ABC".
@@ -166,67 +219,56 @@ TEST_F(IvdServiceTest, EveryTransactionsBytesArePinned) {
     }
 }
 
-TEST_F(IvdServiceTest, IncomingStrings) {
-    std::string out;
-    for (int32_t n : {-1, 0, INT_MIN, INT_MAX, 1000, 0x40000000}) {
-        SCOPED_TRACE(n);
-        reply(Reply().i(0).i(n).i(0x00420041));
-        EXPECT_EQ(proxy.receiveConfig(), "");
-        reply(Reply().i(0).i(0).i(1).i(n).i(0x00420041));
-        out = "old";
-        EXPECT_EQ(proxy.modelNumber(out), 0);
-        EXPECT_EQ(out, "");
+// Replies that are not a plain value: each gives the failure value and leaves out values as
+// they were, or keeps only what fits.
+TEST_F(IvdServiceTest, FailedAndOddRepliesGiveTheFailureValues) {
+    int v = 42;
+    std::string t = "kept", apps[3] = {"a", "b", "c"};
+    auto fg = [&] {
+        const int result = proxy.foregroundApplication(apps);
+        return both(result, apps[0] + "|" + apps[1] + "|" + apps[2]);
+    };
+    const std::string exception = "fdffffff 03000000 62006100 64000000 00000000";
+    const struct {
+        std::string reply;
+        std::function<std::string()> call;
+        const char* result;
+    } rows[] = {
+        {exception, [&] { return proxy.waitForResponse(); }, "Error"},
+        {exception, [&] { return proxy.receiveConfig(); }, "Error"},
+        {exception, [&] { return both(proxy.ambientLight()); }, "-2147483648"},
+        {exception, [&] { return both(proxy.getState(), proxy.bluetoothIsEnabled()); }, "-1 -1"},
+        {exception, [&] { return both(proxy.sendState(1)); }, "-1"},
+        {exception,
+         [&] { return both(proxy.wanSignalStrength(v), proxy.wifiSignalStrength(v), v); },
+         "-1 -1 42"},
+        {exception, [&] { return both(proxy.dhcp(t), t); }, "-1 kept"},
+        {exception, fg, "-1 a|b|c"},
+        // A bad status word; -1 as a value is a failure although the call went through.
+        {"00000000 01000000 01000000 01000000 78000000",
+         [&] { return both(proxy.bspNumber(t), t); }, "-1 kept"},
+        {"00000000 ffffffff", [&] { return both(proxy.wanSignalStrength(v), v); }, "-1 -1"},
+        // Length claims the reply cannot hold read as empty.
+        {"00000000 ffffff7f 41004200", [&] { return proxy.receiveConfig(); }, ""},
+        {"00000000 00000000 01000000 00000040 41004200",
+         [&] { return both(proxy.modelNumber(t), t); }, "0 "},
+        // At most two applications are stored, whatever the count says.
+        {"00000000 00000000 fbffffff", fg, "0 a|b|c"},
+        {"00000000 00000000 03000000 01000000 70000000 01000000 71000000 01000000 72000000", fg,
+         "0 p|q|c"},
+        // A dead service: no reply at all reads as success with empty values.
+        {"",
+         [&] { return proxy.waitForResponse() + "|" + both(proxy.getState(), proxy.sendState(1)); },
+         "|0 0"},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.reply);
+        binder->nextReply = hex(row.reply);
+        binder->status = row.reply.empty() ? -32 : 0;
+        EXPECT_EQ(row.call(), row.result);
     }
-    // An empty reply (a dead service) reads as success with empty values.
-    binder->nextReply.clear();
-    binder->status = -32;
-    EXPECT_EQ(proxy.waitForResponse(), "");
-    EXPECT_EQ(proxy.sendState(1), 0);
-    EXPECT_EQ(proxy.getState(), 0);
-}
-
-TEST_F(IvdServiceTest, ExceptionRepliesGiveTheFailureValues) {
-    // An exception with its message and an empty stack header.
-    Reply ex;
-    ex.p.writeException(-3, u"bad");
-    reply(ex);
-    platform.enableDebugLog();
-    EXPECT_EQ(proxy.waitForResponse(), "Error");
-    EXPECT_EQ(proxy.receiveConfig(), "Error");
-    EXPECT_TRUE(platform.log().contains("vd_service got an exception -3", kLogDebug));
-    EXPECT_EQ(proxy.ambientLight(), INT_MIN);
-    EXPECT_EQ(proxy.getState(), -1);
-    EXPECT_EQ(proxy.bluetoothIsEnabled(), -1);
-    EXPECT_EQ(proxy.sendState(1), -1);
-    // Out values stay as they were.
-    int out = 42;
-    std::string text = "kept", apps[2] = {"a", "b"};
-    EXPECT_EQ((std::vector<int>{proxy.wanSignalStrength(out), proxy.wifiSignalStrength(out),
-                                proxy.dhcp(text), proxy.foregroundApplication(apps)}),
-              (std::vector<int>{-1, -1, -1, -1}));
-    EXPECT_EQ(std::to_string(out) + text + apps[1], "42keptb");
     EXPECT_EQ(platform.log().count("Ivd_service got an exception -3", kLogError), 3);
-
-    // Without the debug switch the proxy's own exception line stays silent.
-    platform.properties().set("persist.sys.vd.debug_log", "false");
-    debugSingleton::resetForTesting();
-    platform.log().clear();
-    EXPECT_EQ(proxy.sendState(1), -1);
-    EXPECT_EQ(platform.log().lines().size(), 0u);
-}
-
-TEST_F(IvdServiceTest, StatusWordAndValueForms) {
-    reply(Reply().i(0).i(1).i(1).s16(u"x"));
-    std::string out = "kept";
-    EXPECT_EQ(proxy.bspNumber(out), -1);
-    EXPECT_EQ(out, "kept");
     EXPECT_TRUE(platform.log().contains("Ivd_service return status was bad", kLogError));
-
-    // -1 is a failure although the call went through.
-    reply(Reply().i(0).i(-1));
-    int value = 0;
-    EXPECT_EQ(proxy.wanSignalStrength(value), -1);
-    EXPECT_EQ(value, -1);
 }
 
 TEST_F(IvdServiceTest, ADocumentLargerThanOneTransactionIsRefusedNotLost) {
@@ -234,61 +276,222 @@ TEST_F(IvdServiceTest, ADocumentLargerThanOneTransactionIsRefusedNotLost) {
     const std::string huge(kMaxTransactionData / 4, 'x');
     EXPECT_EQ(proxy.sendConfig(huge.c_str()), -1);
     EXPECT_TRUE(binder->codes.empty());
-    EXPECT_TRUE(platform.log().contains("sendConfig: the document takes 1048652 bytes in a parcel, "
-                                        "more than the 1048576 one transaction carries; not sent",
-                                        kLogError));
+    EXPECT_TRUE(
+        platform.log().contains("sendConfig: the document takes 1048652 bytes in a parcel, "
+                                "more than the 1048576 one transaction carries; not sent",
+                                kLogError));
     EXPECT_EQ(proxy.sendConfig("{}"), 0);
     EXPECT_EQ(binder->codes, std::vector<uint32_t>{SEND_CONFIG});
 }
 
-TEST_F(IvdServiceTest, ForegroundApplicationStoresAtMostTwoStrings) {
-    struct {
-        int32_t count;
-        const char* after;  // the caller's three strings
-    } cases[] = {{0, "a|b|c"}, {-5, "a|b|c"}, {1, "p|b|c"}, {2, "p|q|c"}, {3, "p|q|c"}};
-    for (const auto& c : cases) {
-        reply(Reply().i(0).i(0).i(c.count).s16(u"p").s16(u"q").s16(u"r"));
-        std::string apps[3] = {"a", "b", "c"};
-        EXPECT_EQ(proxy.foregroundApplication(apps), 0);
-        EXPECT_EQ(apps[0] + "|" + apps[1] + "|" + apps[2], c.after) << c.count;
-    }
-}
-
-TEST_F(IvdServiceTest, DebugLinesFollowTheDebugSwitch) {
+TEST_F(IvdServiceTest, LogLinesOfTheLinkAndTheDebugSwitch) {
+    // Without the debug switch the proxy's own exception line stays silent.
+    binder->nextReply = hex("fdffffff 03000000 62006100 64000000 00000000");
+    proxy.sendState(1);
+    EXPECT_EQ(platform.log().lines().size(), 0u);
+    EXPECT_EQ(Ivd_service::getInterface(), nullptr);
+    platform.makeDir("/dev/binder/");
+    EXPECT_EQ(Ivd_service::getInterface(), nullptr);
+    EXPECT_EQ(Ivd_service::asInterface(nullptr), nullptr);
+    EXPECT_NE(Ivd_service::asInterface(binder), nullptr);
     platform.enableDebugLog();
-    reply(Reply().i(0).i(2));
+    proxy.sendState(1);
+    binder->nextReply = hex("00000000 02000000");
     proxy.getState();
     proxy.bluetoothIsDiscoverable();
     proxy.bluetoothIsConnected();
     proxy.setTraceLevel(4);
     int v;
     proxy.wanSignalStrength(v);
-    reply(Reply().i(0).s16(u"start:"));
+    binder->nextReply = hex("00000000 06000000 73007400 61007200 74003a00 00000000");
     proxy.waitForResponse();
-    reply(Reply().i(0).i(0).i(1).s16(u"ab"));
+    binder->nextReply = hex("00000000 00000000 01000000 02000000 61006200 00000000");
     std::string s;
     proxy.gateway(s);
-    for (const char* line :
-         {"Ivd_service transaction enabled: 8",
-          "Ivd_service transaction called get state and value is : 2",
-          "Ivd_service transaction discoveable: 23", "Ivd_service transaction connected: 24",
-          "Ivd_service transaction enabled: 20 and 4", "vd_service::wanSignalStrength::value == 2",
-          "full read: start:", "Ivd_service size is 2"}) {
-        EXPECT_TRUE(platform.log().contains(line, kLogDebug)) << line;
+    for (const auto& [line, priority] : std::vector<std::pair<const char*, int>>{
+             {"Failed to obtain a handle to the default Service Manager", kLogError},
+             {"Failed to obtain a handle to the vd_service", kLogError},
+             {"vd_service got an exception -3", kLogDebug},
+             {"Ivd_service transaction enabled: 8", kLogDebug},
+             {"Ivd_service transaction called get state and value is : 2", kLogDebug},
+             {"Ivd_service transaction discoveable: 23", kLogDebug},
+             {"Ivd_service transaction connected: 24", kLogDebug},
+             {"Ivd_service transaction enabled: 20 and 4", kLogDebug},
+             {"vd_service::wanSignalStrength::value == 2", kLogDebug},
+             {"full read: start:", kLogDebug},
+             {"Ivd_service size is 2", kLogDebug}}) {
+        EXPECT_TRUE(platform.log().contains(line, priority)) << line;
     }
 }
 
-TEST_F(IvdServiceTest, GetInterfaceReportsEachMissingPiece) {
-    // No service folder: no service manager.
+// The proxy against the stand-in over a real socket in a temporary device root.
+class StandinTest : public ::testing::Test {
+  protected:
+    TestPlatform platform;
+    vdstandin::StandinService service{platform.root()};
+
+    void SetUp() override { ASSERT_TRUE(service.start()) << strerror(errno); }
+};
+
+// What the daemon reports lands in the status a console shows, and in the trace; the
+// device questions are answered from the stand-in's settings.
+TEST_F(StandinTest, ReportsReachTheStatusAndQuestionsGetTheSettings) {
+    auto proxy = Ivd_service::getInterface();
+    ASSERT_NE(proxy, nullptr);
+    platform.writeFile("/dev/__properties__/persist.sys.vd.storage_path", "/storage/1A2B-3C4D/");
+    const char* document =
+        R"({"Tellwick Settings":{"settings":[]},"LogcatModule":{"settings":[{"name":)"
+        R"("Enable Module","type":"boolean","value":"true","list":[]}]}})";
+    EXPECT_EQ((std::vector<int>{proxy->sendVersion("LogcatModule", "1.0"),
+                                proxy->sendVersion("LogcatModule", "1.1"),
+                                proxy->sendConfig(document), proxy->sendState(1),
+                                proxy->sendConfigErrorMessage("{\"errors\":[\"é\"]}"),
+                                proxy->enableNotification(true)}),
+              std::vector<int>(6, 0));
+    const int64_t last = service.summary().lastCallMillis;
+    const std::string status = vdstandin::statusJson(service, last + 1000);
+    for (const char* part : {
+             R"({"state":"running","stateCode":1,"storageRoot":"/storage/1A2B-3C4D/")",
+             R"("connected":true)",
+             R"("modules":[{"name":"Tellwick Settings","version":null,"enabled":null,)"
+             R"("running":null},{"name":"LogcatModule","version":"1.1","enabled":true,)"
+             R"("running":true}])",
+             // UTF-8 goes out one byte per word and arrives intact.
+             R"("lastError":"{\"errors\":[\"é\"]}","reports":{"enableNotification":[1]})",
+         }) {
+        EXPECT_NE(status.find(part), std::string::npos) << part << " in " << status;
+    }
+    EXPECT_NE(vdstandin::statusJson(service, last + vdstandin::kConnectedWindowMillis + 1)
+                  .find(R"("connected":false)"),
+              std::string::npos);
+    const auto trace = service.recentTrace(2);
+    ASSERT_EQ(trace.size(), 2u);
+    EXPECT_EQ(trace[0].seq, 5u);
+    EXPECT_EQ(vdstandin::traceEventText(trace[1]).substr(12), " #6 -> enableNotification[7](1)");
+
+    // The service echoes the last state unless told otherwise; each question has its own field.
+    EXPECT_EQ(proxy->getState(), 1);
+    service.updateAnswers([](vdstandin::DeviceAnswers& a) {
+        a = {11,   12,   13,    14, 15,    {"p", "q"}, "sn", "mo", "bsp", 16,
+             "dh", "gw", "/d/", 17, "/c/", "tw",       18,   19,   "qc",  2};
+    });
+    int v = 0;
+    std::string s[12], apps[2];
+    EXPECT_EQ(both(proxy->getState(), proxy->bluetoothIsEnabled(), proxy->bluetoothIsDiscoverable(),
+                   proxy->bluetoothIsConnected(), proxy->ambientLight(), proxy->isSDcardPresent(),
+                   proxy->isUserValidToDeploy(), proxy->getDeleteLogsParam()),
+              "2 11 12 13 14 17 18 19");
+    proxy->wanSignalStrength(v);
+    EXPECT_EQ(v, 15);
+    proxy->wifiSignalStrength(v);
+    EXPECT_EQ(v, 16);
+    proxy->deleteTwLogs(v);
+    EXPECT_EQ(v, 19);
+    proxy->foregroundApplication(apps);
+    proxy->serialNumber(s[0]), proxy->modelNumber(s[1]), proxy->bspNumber(s[2]);
+    proxy->dhcp(s[3]), proxy->gateway(s[4]), proxy->getDefaultDirPath(s[5]);
+    proxy->getSDcardPath(s[6]), proxy->getTellwickVersion(s[7]), proxy->getQcMetaIdVersion(s[8]);
+    EXPECT_EQ(both(0, apps[0], apps[1], s[0], s[1], s[2], s[3], s[4], s[5], s[6], s[7], s[8]),
+              "0 p q sn mo bsp dh gw /d/ /c/ tw qc");
+}
+
+// Stop releases a blocked waiter as a dead peer; a second service never takes over a live
+// socket, but replaces a leftover one. Unknown codes and wrong tokens change nothing.
+TEST_F(StandinTest, StopServeAgainAndBadRequests) {
+    vigild::platform::host::HostRoot hostRoot(platform.root());
+    vigild::platform::host::SocketServiceManager services(&hostRoot);
+    auto binder = services.getService(kServiceName);
+    ASSERT_NE(binder, nullptr);
+    Parcel data, wrong;
+    data.writeInterfaceToken(Ivd_service::getInterfaceDescriptor());
+    wrong.writeInterfaceToken(u"com.example.Other");
+    wrong.writeInt32(1);
+    std::vector<uint8_t> reply;
+    EXPECT_EQ(binder->transact(12, data.data(), &reply, 0),
+              vigild::platform::host::kUnknownTransaction);
+    EXPECT_EQ(binder->transact(SEND_STATE, wrong.data(), &reply, 0), 0);
+    EXPECT_NE(Parcel(reply).readExceptionCode(), 0);
+    EXPECT_TRUE(service.states().empty());
+    EXPECT_EQ(service.summary().state, std::nullopt);
+
+    vdstandin::StandinService second(platform.root());
+    EXPECT_FALSE(second.start());
+    EXPECT_EQ(errno, EADDRINUSE);
+    auto proxy = Ivd_service::getInterface();
+    ASSERT_NE(proxy, nullptr);
+    std::string command = "unset";
+    std::thread t([&] { command = proxy->waitForResponse(); });
+    ASSERT_TRUE(vigild::testing::finishesWithin(
+        [&] {
+            while (service.waitingForCommand() != 1) std::this_thread::yield();
+        },
+        5s));
+    ASSERT_TRUE(vigild::testing::finishesWithin([&] { service.stop(); }, 5s));
+    t.join();
+    EXPECT_EQ(command, "");  // a dead peer's empty reply
     EXPECT_EQ(Ivd_service::getInterface(), nullptr);
-    EXPECT_TRUE(platform.log().contains("Failed to obtain a handle to the default Service Manager",
-                                        kLogError));
-    // A folder but no socket.
-    platform.makeDir("/dev/binder/");
-    EXPECT_EQ(Ivd_service::getInterface(), nullptr);
-    EXPECT_TRUE(platform.log().contains("Failed to obtain a handle to the vd_service", kLogError));
-    EXPECT_EQ(Ivd_service::asInterface(nullptr), nullptr);
-    EXPECT_NE(Ivd_service::asInterface(binder), nullptr);
+    sockaddr_un addr = {};
+    addr.sun_family = AF_UNIX;
+    std::string path = platform.hostPath("/dev/binder/com.tandril.vd.Ivd_service");
+    memcpy(addr.sun_path, path.c_str(), path.size() + 1);
+    int stale = ::socket(AF_UNIX, SOCK_STREAM, 0);
+    ASSERT_EQ(::bind(stale, reinterpret_cast<sockaddr*>(&addr), sizeof(addr)), 0);
+    ::close(stale);
+    EXPECT_TRUE(second.start()) << strerror(errno);
+    EXPECT_NE(Ivd_service::getInterface(), nullptr);
+}
+
+// What the daemon tells the service about itself: every version, then the document, then the
+// state by its word; an unknown state reports nothing, and no service skips to the state step.
+TEST_F(StandinTest, DeviceReportSendsVersionsThenDocumentThenState) {
+    ASSERT_TRUE(vdtest::installTestModules(platform.root(), {"lib_vd_alpha.so", "lib_vd_beta.so"}));
+    platform.setProperty("persist.sys.vd.storage_path", "/sdcard/");
+    platform.makeDir("/sdcard/Tellwick/");
+    ASSERT_EQ(buildModuleRegistry(), 0);
+    for (int state : {kStateRunning, kStateStopped, kStateTransition, 7}) {
+        runState = state;
+        sendInfo();
+    }
+    std::vector<std::string> methods;
+    for (const auto& r : service.records()) methods.push_back(r.method);
+    EXPECT_EQ(methods.size(), 4u * 7 - 1);
+    EXPECT_EQ(std::vector<std::string>(methods.begin(), methods.begin() + 7),
+              (std::vector<std::string>{"sendVersion", "sendVersion", "sendVersion", "sendVersion",
+                                        "sendVersion", "sendConfig", "sendState"}));
+    const auto versions = service.versions();
+    EXPECT_EQ(std::vector(versions.begin(), versions.begin() + 5),
+              (std::vector<std::pair<std::string, std::string>>{{"vigild", "14.0.15.19"},
+                                                                {"Tellwick Settings", "14.0.0.0"},
+                                                                {"A", "14.0.3.1"},
+                                                                {"B", "14.0.0.1"},
+                                                                {"QuickTapModule", "14.0.1.0"}}));
+    EXPECT_EQ(service.states(), (std::vector<int>{kStateRunning, kStateStopped, kStateTransition}));
+    EXPECT_EQ(runState.load(), 7);
+
+    // Concurrent sends each carry a whole document, the one the registry gives now.
+    char* now = getConfig();
+    ASSERT_NE(now, nullptr);
+    std::vector<std::thread> threads;
+    for (int t = 0; t < 3; t++) {
+        threads.emplace_back([] {
+            for (int i = 0; i < 10; i++) sendConfig();
+        });
+    }
+    for (auto& t : threads) t.join();
+    EXPECT_EQ(service.configs(), std::vector<std::string>(4 + 30, now));
+    free(now);
+
+    service.stop();
+    platform.enableDebugLog();
+    runState = kStateStopped;
+    sendInfo();
+    int at = -1;
+    for (const char* line : {"sendInfo:BEGIN", "Failed to obtain a handle on vd_service",
+                             "updateState :BEGIN", "sendInfo:END"}) {
+        at = platform.log().indexOf(line, at + 1);
+        ASSERT_GE(at, 0) << line;
+    }
+    EXPECT_FALSE(platform.log().contains("getconfig:BEGIN"));
 }
 
 }  // namespace
