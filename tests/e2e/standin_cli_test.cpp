@@ -2,7 +2,6 @@
 // and the other sub-commands run from a shell.
 #include <gtest/gtest.h>
 #include <jansson.h>
-#include <signal.h>
 
 #include <filesystem>
 #include <fstream>
@@ -38,15 +37,16 @@ class StandinCliTest : public ::testing::Test {
     }
     bool serving() { return std::filesystem::exists(daemon_.host("/dev/vd-standin.ctl")); }
     void serve() {
-        std::string pid;
-        ASSERT_EQ(run("serve >" + daemon_.host("/serve.log") + " 2>&1 & echo $!", &pid), 0);
-        server_ = std::stoi(pid);
+        server_ = daemon_.spawn({kStandin, "--root", daemon_.root(), "serve"}, "/serve.log",
+                                "/serve.log");
         ASSERT_TRUE(eventually([&] { return serving(); }, kTimeout));
     }
-    // The server removes its control socket last.
+    // A clean stop: exit status 0 (no sanitizer report), the control socket removed.
     void stopServing() {
-        if (server_ > 0) kill(server_, SIGTERM);
-        EXPECT_TRUE(eventually([&] { return !serving(); }, kTimeout));
+        if (server_ > 0) {
+            EXPECT_EQ(daemon_.terminate(server_), 0) << daemon_.read("/serve.log");
+        }
+        EXPECT_FALSE(serving());
         server_ = -1;
     }
     // Runs `args` until its output holds `part`.

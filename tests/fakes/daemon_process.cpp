@@ -72,26 +72,42 @@ void DaemonProcess::writeBugreportTool(const std::string& body) {
     fsys::rename(temp, path);
 }
 
-bool DaemonProcess::launch(const std::vector<std::string>& extraEnv) {
+pid_t DaemonProcess::spawn(const std::vector<std::string>& argv, const std::string& out,
+                           const std::string& err, const std::vector<std::string>& extraEnv) {
     std::vector<std::string> env = {"VIGILD_ROOT=" + root_, "VIGILD_TIME_SCALE=0.01"};
     for (char** e = environ; *e != nullptr; e++) {
         if (std::string(*e).rfind("VIGILD_", 0) != 0) env.push_back(*e);
     }
     env.insert(env.end(), extraEnv.begin(), extraEnv.end());
-    std::vector<char*> envp;
-    for (std::string& var : env) envp.push_back(var.data());
+    std::vector<char*> envp, args;
+    for (const std::string& var : env) envp.push_back(const_cast<char*>(var.c_str()));
+    for (const std::string& arg : argv) args.push_back(const_cast<char*>(arg.c_str()));
     envp.push_back(nullptr);
-    std::string binary = binary_;
-    std::string logFile = root_ + "/vigild.stderr";
-    char* argv[] = {binary.data(), nullptr};
+    args.push_back(nullptr);
     posix_spawn_file_actions_t actions;
     posix_spawn_file_actions_init(&actions);
-    posix_spawn_file_actions_addopen(&actions, STDERR_FILENO, logFile.c_str(),
-                                     O_WRONLY | O_CREAT | O_APPEND, 0644);
-    int error = posix_spawn(&pid_, binary.c_str(), &actions, nullptr, argv, envp.data());
+    const int flags = O_WRONLY | O_CREAT | O_APPEND;
+    if (!out.empty()) {
+        posix_spawn_file_actions_addopen(&actions, STDOUT_FILENO, host(out).c_str(), flags, 0644);
+    }
+    posix_spawn_file_actions_addopen(&actions, STDERR_FILENO, host(err).c_str(), flags, 0644);
+    pid_t pid = -1;
+    int error = posix_spawn(&pid, args[0], &actions, nullptr, args.data(), envp.data());
     posix_spawn_file_actions_destroy(&actions);
-    if (error != 0) pid_ = -1;
-    return error == 0;
+    return error == 0 ? pid : -1;
+}
+
+int DaemonProcess::terminate(pid_t pid) {
+    if (pid <= 0) return -1;
+    ::kill(pid, SIGTERM);
+    int raw = 0;
+    waitpid(pid, &raw, 0);
+    return WIFEXITED(raw) ? WEXITSTATUS(raw) : 128 + WTERMSIG(raw);
+}
+
+bool DaemonProcess::launch(const std::vector<std::string>& extraEnv) {
+    pid_ = spawn({binary_}, "", "/vigild.stderr", extraEnv);
+    return pid_ > 0;
 }
 
 bool DaemonProcess::alive() { return pid_ > 0 && waitpid(pid_, nullptr, WNOHANG) == 0; }

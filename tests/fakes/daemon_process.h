@@ -43,6 +43,12 @@ class DaemonProcess {
     // of this process are left out) plus `extraEnv`; its stderr goes to <root>/vigild.stderr.
     bool launch(const std::vector<std::string>& extraEnv = {});
     pid_t pid() const { return pid_; }
+    // Starts `argv` (no shell) with the environment of launch(), stdout and stderr appended
+    // to the device files `out` ("": this process's) and `err`; its pid, -1 on failure.
+    pid_t spawn(const std::vector<std::string>& argv, const std::string& out,
+                const std::string& err, const std::vector<std::string>& extraEnv = {});
+    // SIGTERM, then its exit status (128 + the signal when one ended it; -1 for no pid).
+    static int terminate(pid_t pid);
     // False once the daemon has exited (it is then reaped).
     bool alive();
     // SIGKILL and reap; nothing when no daemon runs.
