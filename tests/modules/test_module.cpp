@@ -1,4 +1,8 @@
 // One source for every test module library; test_module_probe.h lists the knobs.
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cstdlib>
 #include <cstring>
 #include <string>
 #include <vector>
@@ -18,7 +22,25 @@
 #define VDTEST_SETTINGS 0
 #endif
 
+#ifdef VDTEST_ALONE
+// Loaded where the probe library is not: the probe stays inside the module.
+namespace vdtest {
+Probe* registerProbe(Module* m) { return new Probe(m); }
+void recordEvent(const char*, const char*) {}
+}  // namespace vdtest
+#endif
+
 namespace {
+
+// Free-text settings have no helper: the module appends them itself.
+[[maybe_unused]] Module::config textSetting(const char* name, const char* type, const char* value) {
+    Module::config c = {};
+    c.name = name;
+    c.type = type;
+    strncpy(c.defaultValue, value, sizeof(c.defaultValue) - 1);
+    strncpy(c.value, value, sizeof(c.value) - 1);
+    return c;
+}
 
 class TestModule : public Module {
   public:
@@ -33,18 +55,50 @@ class TestModule : public Module {
         addConfigInt(settings, "Buffer Size (KB)", const_cast<char*>("256"));
         addConfigBoolean(settings, "Verbose", const_cast<char*>("false"));
         addConfigList(settings, "Level", {"low", "medium", "high"});
-        // Free-text settings have no helper: the module appends them itself.
-        config path = {};
-        path.name = "Log Path";
-        path.type = "string";
-        strcpy(path.defaultValue, "/sdcard/Tellwick/settings/");
-        strcpy(path.value, "/sdcard/Tellwick/settings/");
-        settings.configs.push_back(path);
+        settings.configs.push_back(textSetting("Log Path", "string", "/sdcard/Tellwick/settings/"));
 #elif VDTEST_SETTINGS == 2
         addConfigInt(settings, "LTS Days", const_cast<char*>("7"));
-#else
-        (void)settings;
+#elif VDTEST_SETTINGS == 3
+#ifdef VDBROKEN_ENABLE_NOT_FIRST
+        settings.configs.clear();
+        addConfigInt(settings, "Rotate size (KB)", const_cast<char*>("1024"));
+        addConfigBoolean(settings, "Enable Module", const_cast<char*>("true"));
+        return 0;
 #endif
+#ifdef VDBROKEN_ENABLE_NOT_BOOLEAN
+        settings.configs[0].type = "int";
+#endif
+        addConfigInt(settings, "Rotate size (KB)", const_cast<char*>("1024"));
+        addConfigBoolean(settings, "Verbose", const_cast<char*>("false"));
+        addConfigList(settings, "Buffer", {"main", "system", "all"});
+        settings.configs.push_back(textSetting("Log Path", "string", "/sdcard/Tellwick/broken/"));
+#ifdef VDBROKEN_DUPLICATE
+        settings.configs.push_back(textSetting("Verbose", "boolean", "true"));
+#endif
+#ifdef VDBROKEN_UNKNOWN_TYPE
+        settings.configs.push_back(textSetting("Ratio", "float", "0.5"));
+#endif
+#ifdef VDBROKEN_LONG_VALUE
+        config big = textSetting("Banner", "string", "");
+        memset(big.value, 'x', sizeof(big.value));  // no terminator left
+        settings.configs.push_back(big);
+#endif
+#ifdef VDBROKEN_LONG_DEFAULT_HELPER
+        // The daemon's bounded copy aborts on this.
+        std::string text(300, '7');
+        addConfigInt(settings, "Huge", text.data());
+#endif
+#ifdef VDBROKEN_BAD_LIST
+        strcpy(settings.configs[3].value, "3");
+#endif
+#ifdef VDBROKEN_BAD_INT
+        strcpy(settings.configs[1].defaultValue, "12a");
+#endif
+#ifdef VDBROKEN_PATH_NOT_FOLDER
+        strcpy(settings.configs[4].value, "/sdcard/Tellwick/broken");
+#endif
+#endif
+        (void)settings;
         return 0;
     }
 
@@ -52,6 +106,14 @@ class TestModule : public Module {
         probe_->recordStart(settings);
         probe_->starts++;
         vdtest::recordEvent(VDTEST_NAME, "start");
+#ifdef VDTEST_BLOCK_START
+        // Hangs as a module stuck in a driver call would; only a signal ends it. The marker
+        // file (VDTEST_BLOCK_MARKER) says start() was entered.
+        if (const char* marker = getenv("VDTEST_BLOCK_MARKER")) {
+            close(open(marker, O_CREAT | O_WRONLY | O_CLOEXEC, 0644));
+        }
+        for (;;) pause();
+#endif
         return 0;
     }
     int systemTimeChange() override {
@@ -102,6 +164,10 @@ class TestModule : public Module {
                 strcpy(c.value, "true");
             }
         }
+#ifdef VDBROKEN_OBJECTS
+        errors.push_back("Rotate size (KB)");
+        errors.push_back("must be a power of two");
+#endif
         probe_->recordErrors(errors);
         return 0;
     }

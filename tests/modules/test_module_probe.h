@@ -1,13 +1,17 @@
 // Test module libraries and the probe that lets tests watch them.
 //
 // Every lib_vd_*.so of this folder is built from test_module.cpp; its knobs are compile
-// definitions (see test_modules.cmake):
+// definitions (see CMakeLists.txt):
 //
 //   VDTEST_NAME        getName()                      (VDTEST_NULL_NAME: returns null)
 //   VDTEST_VERSION     getVersion()                   (VDTEST_NULL_VERSION: returns null)
 //   VDTEST_SHOULD_LOAD shouldLoad() result, 0 = load
-//   VDTEST_SETTINGS    what init() adds: 0 nothing, 1 every type, 2 the LTS setting
+//   VDTEST_SETTINGS    what init() adds: 0 nothing, 1 every type, 2 the LTS setting, 3 the
+//                      checker's sound layout, with one fault per VDBROKEN_* switch
 //   VDTEST_NO_ENTRY    no "getModule" is exported
+//   VDTEST_BLOCK_START start() never returns (lib_vd_blockstart.so, in faults/)
+//   VDTEST_ALONE       the probe lives in the module: for libraries loaded by a process
+//                      without the probe library (broken/ and faults/)
 //
 // The libraries, by file name (name, version):
 //
