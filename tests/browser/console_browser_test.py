@@ -1,14 +1,13 @@
 #!/usr/bin/env python3
-"""The vd-standin browser console in headless Chromium, against the real stand-in and daemon.
-
-    console_browser_test.py --build BUILD_DIR --modules TEST_MODULE_DIR [--screenshot PNG]
-
-One device root with the settings test module, one vd-standin serving it with
-"--http 127.0.0.1:0", one vigild, one browser. The scenarios go through the page as a person
-would: change a boolean and a list in the form and apply, then apply a value the module
-objects to. Every wait polls with a bound. Exit status 77 (skipped) when Chromium, its driver
-or Selenium is missing.
-"""
+# The vd-standin browser console in headless Chromium, against the real stand-in and daemon.
+#
+#     console_browser_test.py --build BUILD_DIR --modules TEST_MODULE_DIR [--screenshot PNG]
+#
+# One device root with the settings test module, one vd-standin serving it with
+# "--http 127.0.0.1:0", one vigild, one browser. The scenarios go through the page as a person
+# would: change a boolean and a list in the form and apply, then apply a value the module
+# objects to. Every wait polls with a bound. Exit status 77 (skipped) when Chromium, its driver
+# or Selenium is missing.
 
 import argparse
 import json
@@ -26,11 +25,9 @@ import urllib.request
 
 SKIP = 77
 TIMEOUT = 20
-CHROMIUM_FLAGS = [
-    "--headless", "--no-sandbox", "--disable-gpu", "--disable-quic", "--no-first-run",
-    "--disable-background-networking", "--disable-component-update", "--disable-sync",
-    "--no-proxy-server", "--window-size=1400,1750",
-]
+CHROMIUM_FLAGS = ("--headless --no-sandbox --disable-gpu --disable-quic --no-first-run "
+                  "--disable-background-networking --disable-component-update --disable-sync "
+                  "--no-proxy-server --window-size=1400,1750").split()
 MODULE = "SettingsModule"
 
 try:
@@ -46,13 +43,9 @@ ARGS = None
 ENV = {}
 
 
-def wait_for(what, predicate, timeout=TIMEOUT):
-    """Polls predicate until it returns something true; fails the test after timeout."""
-    deadline = time.monotonic() + timeout
-    while True:
-        value = predicate()
-        if value:
-            return value
+def wait_for(what, predicate):
+    deadline = time.monotonic() + TIMEOUT
+    while not predicate():
         if time.monotonic() > deadline:
             raise AssertionError(f"timed out: {what}")
         time.sleep(0.05)
@@ -104,8 +97,8 @@ def start_processes():
     wait_for("the daemon asks for a command", lambda: api("/api/status")["waiting"] > 0)
 
 
+# Ends both; False when vd-standin did not stop cleanly (a crash, a sanitizer report).
 def stop_processes():
-    """Ends both; False when vd-standin did not stop cleanly (a crash, a sanitizer report)."""
     clean = True
     for name in ("daemon", "standin"):
         process = ENV.get(name)
@@ -156,6 +149,11 @@ class ConsolePage(unittest.TestCase):
     def control(self, name):
         return self.field(name).find_element(By.CSS_SELECTOR, "input, select")
 
+    def trace_rows(self, name):
+        Select(self.browser.find_element(By.ID, "trace-filter")).select_by_value(name)
+        return [r for r in self.browser.find_elements(By.CSS_SELECTOR, "#trace tbody tr[data-seq]")
+                if r.is_displayed()]
+
     def apply_and_wait(self):
         apply = self.browser.find_element(By.ID, "apply")
         self.assertTrue(apply.is_enabled())
@@ -188,9 +186,7 @@ class ConsolePage(unittest.TestCase):
         self.assertTrue(self.control("Verbose").is_selected())
 
         # The trace shows the exchange; the filter keeps one transaction; its bytes on demand.
-        Select(self.browser.find_element(By.ID, "trace-filter")).select_by_value("waitForResponse")
-        rows = [r for r in self.browser.find_elements(By.CSS_SELECTOR, "#trace tbody tr[data-seq]")
-                if r.is_displayed()]
+        rows = self.trace_rows("waitForResponse")
         self.assertTrue(rows)
         self.assertTrue(all(r.get_attribute("data-name") == "waitForResponse" for r in rows))
         taken = [r for r in rows if r.find_elements(By.TAG_NAME, "td")[4].text == "config_set:"]
@@ -200,14 +196,12 @@ class ConsolePage(unittest.TestCase):
         # The reply carries the command as a String16: "c" "o" "n" ... one unit each.
         self.assertIn("63 00 6f 00 6e 00 66 00", self.browser.find_elements(
             By.CSS_SELECTOR, "#trace pre.hex")[1].text)
-        Select(self.browser.find_element(By.ID, "trace-filter")).select_by_value("receiveConfig")
-        received = [r for r in self.browser.find_elements(By.CSS_SELECTOR, "#trace tbody tr[data-seq]")
-                    if r.is_displayed()]
+        received = self.trace_rows("receiveConfig")
         self.assertEqual(len(received), 1)
         self.assertIn('"Verbose","type":"boolean","value":"true"',
                       received[0].find_elements(By.TAG_NAME, "td")[4].get_attribute("title")
                       or received[0].find_elements(By.TAG_NAME, "td")[4].text)
-        Select(self.browser.find_element(By.ID, "trace-filter")).select_by_value("")
+        self.trace_rows("")
 
     def test_2_objection_is_shown_beside_its_field(self):
         self.browser.find_element(By.CSS_SELECTOR, '[data-command="start:"]').click()
@@ -235,15 +229,14 @@ class ConsolePage(unittest.TestCase):
 
 def main():
     global ARGS
-    parser = argparse.ArgumentParser(description=__doc__.splitlines()[0])
+    parser = argparse.ArgumentParser(description="the vd-standin console in a browser")
     parser.add_argument("--build", required=True)
     parser.add_argument("--modules", required=True)
     parser.add_argument("--screenshot", help="save a PNG of the page after the scenarios")
     ARGS, rest = parser.parse_known_args()
-    missing = [what for what, ok in (
-        ("python3-selenium", webdriver is not None),
-        ("chromium", shutil.which("chromium")),
-        ("chromium-driver", shutil.which("chromedriver"))) if not ok]
+    missing = [what for what, ok in (("python3-selenium", webdriver is not None),
+                                     ("chromium", shutil.which("chromium")),
+                                     ("chromium-driver", shutil.which("chromedriver"))) if not ok]
     if missing:
         print(f"SKIPPED: the browser test needs {', '.join(missing)} "
               "(apt-get install chromium chromium-driver python3-selenium)")
