@@ -21,10 +21,15 @@
 //       service, run a shell command and settle a layout: never taken under configMutex.
 //       Callers resolve the root first and hand it to getConfig(root).
 //   configMutex (config/document.h)
-//       Every module's settings and each build of the document followed by a save. Never
-//       held across a binder call, a child process or a tree walk: the document is built
-//       under it and sent after it is released.
-//   startedMutex (core/run_state.cpp), gTableMutex (quicktap), debugSingleton's mutex
+//       Every module's settings, the kept document text (config/document.cpp) and each
+//       build of the document followed by a save. Never held across a binder call, a child
+//       process or a tree walk: the document is built under it and sent after it is
+//       released. A save under it writes one file through the storage walker (a new file
+//       beside the old one, synced and renamed), which is bounded work, not a walk.
+//   gOwnMutex (storage/tree.cpp)
+//       The identities of the files the daemon itself renamed into place, held across the
+//       rename so the file watch never sees the new file before it is known as the daemon's.
+//   startedMutex (core/core_state.h), gTableMutex (quicktap), debugMutex (core/core_state.h)
 //       Leaf locks around a few values; nothing is called while they are held.
 //
 // Without a lock:
@@ -34,4 +39,7 @@
 //   moduleRegistry: filled before any thread starts and never resized; module names, setting
 //   names and types are fixed after init(), so walking them needs no lock.
 //   restartAfterPathChange: per thread (set and consumed within one thread's call chain).
+//   lastCommand: the command thread's alone.
+//   The installed platform (platform/platform.h): installed before any thread starts and
+//   never replaced while they run; its members guard their own state.
 #pragma once
