@@ -21,7 +21,8 @@ class Parcel {
     static constexpr int32_t kExIllegalArgument = -3;
     static constexpr int32_t kExServiceSpecific = -8;
     static constexpr int32_t kExHasReplyHeader = -128;
-    // The "SYST" header of an Android 11+ interface token.
+    // The "SYST" header of an interface token: libbinder writes it from Android 11 on (a
+    // vendor process writes "VNDR"); Android 10's token had no header word and does not match.
     static constexpr int32_t kInterfaceHeader = 0x53595354;
 
     Parcel() = default;
