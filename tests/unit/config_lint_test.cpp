@@ -1,195 +1,122 @@
+// vigild-config check: the daemon's own diagnosis of a file, placed by line and column, and
+// what the daemon would do with it.
 #include "config_lint/config_lint.h"
 
 #include <gtest/gtest.h>
-#include <jansson.h>
 
-#include <cstdio>
-#include <cstdlib>
 #include <filesystem>
-#include <functional>
 #include <string>
-#include <vector>
+#include <tuple>
 
 #include "fakes/run_tool.h"
 #include "fakes/test_platform.h"
 
-using vdtools::LintResult;
-using vigild::testing::TestPlatform;
-
 namespace {
 
-// One library module: SoundModule with "Enable Module", "Rotate size (KB)" (int 1024),
-// "Verbose" (boolean false), "Buffer" (list of 3) and "Log Path".
+constexpr const char* kApplied = "vigild would apply the file as it is";
+constexpr const char* kRefused =
+    "vigild would refuse this file: every setting goes back to its default, and the file is "
+    "kept as \"config.json.rejected\"";
+
+// SoundModule: "Enable Module", "Rotate size (KB)" (int 1024), "Verbose" (boolean false),
+// "Buffer" (list of 3) and "Log Path".
 class ConfigLintTest : public ::testing::Test {
   protected:
-    void SetUp() override {
-        modules_ = p.root() + "/host-modules";
-        std::filesystem::create_directories(modules_);
-        std::filesystem::copy_file(std::string(VIGILD_BROKEN_MODULE_DIR) + "/lib_vd_sound.so",
-                                   modules_ + "/lib_vd_sound.so");
-        ASSERT_TRUE(vdtools::prepareRegistry(modules_).empty());
+    void SetUp() override { modules_ = library("lib_vd_sound.so"); }
+    std::string library(const std::string& name) {
+        const std::string folder = p_.root() + "/" + name + ".d";
+        std::filesystem::create_directories(folder);
+        std::filesystem::copy_file(std::string(VIGILD_BROKEN_MODULE_DIR) + "/" + name,
+                                   folder + "/" + name);
+        return folder;
+    }
+    static int run(const std::string& args, std::string* out) {
+        const std::string tool =
+            std::string(VIGILD_BINARY_DIR) + "/tools/config_lint/vigild-config";
+        return vigild::testing::runTool(tool, args, out);
+    }
+    // Checks `text` as a file, with the libraries of the folder `modules` ("" for none).
+    int check(const std::string& text, const std::string& modules, std::string* out) {
+        p_.writeFile("/config.json", text);
+        const std::string with = modules.empty() ? "" : " --modules " + modules;
+        return run("check " + p_.hostPath("/config.json") + with, out);
     }
 
-    TestPlatform p;
+    vigild::testing::TestPlatform p_;
     std::string modules_;
 };
 
-// The default document with one change made to it.
-std::string edited(const std::string& defaults, const std::function<void(json_t*)>& edit) {
-    json_t* doc = json_loads(defaults.c_str(), 0, nullptr);
-    edit(doc);
-    char* text = json_dumps(doc, 0);
-    std::string out = text;
-    free(text);
-    json_decref(doc);
-    return out;
-}
-
-json_t* soundSetting(json_t* doc, size_t index) {
-    return json_array_get(json_object_get(json_object_get(doc, "SoundModule"), "settings"), index);
-}
-
-void setValue(json_t* doc, size_t index, const char* value) {
-    json_object_set_new(soundSetting(doc, index), "value", json_string(value));
-}
-
-std::vector<std::string> texts(const std::vector<vdtools::LintFinding>& findings) {
-    std::vector<std::string> out;
-    for (const auto& finding : findings) out.push_back(finding.text);
-    return out;
-}
-
-struct Case {
-    const char* what;
-    std::function<std::string(const std::string&)> file;
-    std::vector<std::string> errors;
-    std::vector<std::string> warnings;
-    const char* verdict;
-    size_t changes = 0;  // against the defaults
-};
-
-// The daemon's own diagnosis of a file, then its load and the modules' configVal.
-TEST_F(ConfigLintTest, TableOfFiles) {
-    const std::string defaults = vdtools::defaultDocument();
-    auto edit = [](std::function<void(json_t*)> f) {
-        return [f](const std::string& d) { return edited(d, f); };
+// Each file is the defaults with one text replaced: its one finding ("line:column: kind:
+// text"), the verdict, and how many values it changes against the defaults.
+TEST_F(ConfigLintTest, FindingsAndVerdicts) {
+    const std::tuple<std::string, std::string, std::string, std::string, size_t> rows[] = {
+        {"", "", "", kApplied, 0},
+        {R"("SoundModule")", R"("SoundModul")",
+         "1:291: error: unknown module \"SoundModul\" where module \"SoundModule\" is missing",
+         kRefused, 0},
+        {R"("Tellwick Settings")", R"("Ghost": {}, "Tellwick Settings")",
+         "1:2: warning: unknown module \"Ghost\": it is ignored", kApplied, 0},
+        {R"("/sdcard/Tellwick/broken/", "list": []})",
+         R"("/sdcard/Tellwick/broken/", "list": []}, {"name": "Extra", "type": "int", "value": "1"})",
+         "1:713: warning: module \"SoundModule\" has no setting \"Extra\": it is ignored", kApplied,
+         0},
+        {R"("1024")", R"("12a")",
+         "1:439: warning: setting \"Rotate size (KB)\" of module \"SoundModule\": \"12a\" is not a "
+         "valid int",
+         kApplied, 1},
+        {R"("Buffer", "type": "list", "value": "0")", R"("Buffer", "type": "list", "value": "7")",
+         "1:574: warning: setting \"Buffer\" of module \"SoundModule\": \"7\" is not one of its 3 "
+         "options (0 to 2)",
+         kApplied, 1},
+        {"/sdcard/Tellwick/broken/", "/data/elsewhere/anr/",
+         "1:663: warning: \"SoundModule\" / \"Log Path\": \"/data/elsewhere/anr/\" would be "
+         "corrected to \"/sdcard/Tellwick/\"",
+         "vigild would apply the file and correct 1 value(s) (see warnings)", 1},
+        {R"("name": "Verbose", )", "",
+         "1:469: error: a setting of module \"SoundModule\" has a \"type\" but no \"name\": the "
+         "whole file is refused",
+         kRefused, 0},
+        {"", "{\"SoundModule\": {\n  \"settings\": [,]}}",
+         "2:16: error: not valid JSON: unexpected token near ','", kRefused, 0},
     };
-    constexpr const char* kApplied = "vigild would apply the file as it is";
-    constexpr const char* kRefused =
-        "vigild would refuse this file: every setting goes back to its default, and the file is "
-        "kept as \"config.json.rejected\"";
-    const Case cases[] = {
-        {"sound", [](const std::string& d) { return d; }, {}, {}, kApplied},
-        {"broken JSON",
-         [](const std::string&) {
-             return std::string("{\"SoundModule\": {\n  \"settings\": [,]}}");
-         },
-         {"not valid JSON: unexpected token near ','"},
-         {},
-         kRefused},
-        {"misspelt module",
-         edit([](json_t* d) {
-             json_object_set(d, "SoundModul", json_object_get(d, "SoundModule"));
-             json_object_del(d, "SoundModule");
-         }),
-         {"unknown module \"SoundModul\" where module \"SoundModule\" is missing"},
-         {},
-         kRefused},
-        {"extra setting, unknown module",
-         edit([](json_t* d) {
-             json_array_append_new(json_object_get(json_object_get(d, "SoundModule"), "settings"),
-                                   json_pack("{s:s,s:s,s:s,s:[]}", "name", "Extra", "type", "int",
-                                             "value", "1", "list"));
-             json_object_set_new(d, "Ghost", json_object());
-         }),
-         {},
-         {"module \"SoundModule\" has no setting \"Extra\": it is ignored",
-          "unknown module \"Ghost\": it is ignored"},
-         kApplied},
-        {"bad int, list index past its options",
-         edit([](json_t* d) {
-             setValue(d, 1, "12a");
-             setValue(d, 3, "7");
-         }),
-         {},
-         {"setting \"Rotate size (KB)\" of module \"SoundModule\": \"12a\" is not a valid int",
-          "setting \"Buffer\" of module \"SoundModule\": \"7\" is not one of its 3 options (0 "
-          "to 2)"},
-         kApplied,
-         2},
-        {"foreign path",
-         edit([](json_t* d) { setValue(d, 4, "/data/elsewhere/anr/"); }),
-         {},
-         {"\"SoundModule\" / \"Log Path\": \"/data/elsewhere/anr/\" would be corrected to "
-          "\"/sdcard/Tellwick/\""},
-         "vigild would apply the file and correct 1 value(s) (see warnings)",
-         1},
-        {"wrong type, missing setting",
-         edit([](json_t* d) {
-             json_object_set_new(soundSetting(d, 1), "type", json_string("string"));
-             json_array_remove(json_object_get(json_object_get(d, "SoundModule"), "settings"), 2);
-         }),
-         {},
-         {"setting \"Rotate size (KB)\" of module \"SoundModule\" has type \"string\", not "
-          "\"int\": it is ignored and the setting keeps its value",
-          "setting \"Verbose\" of module \"SoundModule\" is missing: it keeps its value"},
-         kApplied},
-        {"nameless entry",
-         edit([](json_t* d) { json_object_del(soundSetting(d, 2), "name"); }),
-         {"a setting of module \"SoundModule\" has a \"type\" but no \"name\": the whole file is "
-          "refused"},
-         {},
-         kRefused},
-    };
-    for (const Case& c : cases) {
-        SCOPED_TRACE(c.what);
-        TestPlatform fresh;
+    for (const auto& [from, to, finding, verdict, changes] : rows) {
+        vigild::testing::TestPlatform fresh;
         ASSERT_TRUE(vdtools::prepareRegistry(modules_).empty());
-        LintResult result = vdtools::lintConfig(c.file(defaults));
-        EXPECT_EQ(texts(result.errors), c.errors);
-        EXPECT_EQ(texts(result.warnings), c.warnings);
-        EXPECT_EQ(result.verdict, c.verdict);
-        EXPECT_EQ(result.changes.size(), c.changes);
-        EXPECT_EQ(result.sound(), c.errors.empty() && c.warnings.empty());
+        std::string text = vdtools::defaultDocument();
+        text = from.empty() && !to.empty() ? to : text.replace(text.find(from), from.size(), to);
+        const vdtools::LintResult result = vdtools::lintConfig(text);
+        std::string found;
+        for (const auto& f : result.errors)
+            found += std::to_string(f.line) + ":" + std::to_string(f.column) + ": error: " + f.text;
+        for (const auto& f : result.warnings)
+            found +=
+                std::to_string(f.line) + ":" + std::to_string(f.column) + ": warning: " + f.text;
+        EXPECT_EQ(found, finding) << text;
+        EXPECT_EQ(result.verdict, verdict);
+        EXPECT_EQ(result.changes.size(), changes);
     }
 }
 
-TEST_F(ConfigLintTest, ToolExitStatus) {
-    const std::string tool = std::string(VIGILD_BINARY_DIR) + "/tools/config_lint/vigild-config";
-    auto run = [&](const std::string& args, std::string* out) {
-        return vigild::testing::runTool(tool, args, out);
-    };
-    std::string defaults;
-    ASSERT_EQ(run("defaults --modules " + modules_, &defaults), 0) << defaults;
-    p.writeFile("/good.json", defaults);
-    p.writeFile("/bad.json", "{\"Tellwick Settings\": ");
-    std::string out;
-    EXPECT_EQ(run("check " + p.hostPath("/good.json") + " --modules " + modules_, &out), 0) << out;
-    EXPECT_EQ(out, p.hostPath("/good.json") + ": vigild would apply the file as it is\n" +
-                       p.hostPath("/good.json") + ": sound\n");
-    // Without the module library the file names a module the device does not have; a broken
-    // file is placed as compilers place errors.
-    EXPECT_EQ(run("check " + p.hostPath("/good.json"), &out), 1) << out;
-    EXPECT_NE(out.find(":1:"), std::string::npos) << out;
-    EXPECT_NE(out.find("warning: unknown module \"SoundModule\": it is ignored"), std::string::npos)
-        << out;
-    EXPECT_EQ(run("check " + p.hostPath("/bad.json"), &out), 1) << out;
-    EXPECT_NE(out.find(p.hostPath("/bad.json") + ":1:22: error: not valid JSON"), std::string::npos)
-        << out;
-    // Each module judges the file with its own configVal.
-    const std::string objecting = p.root() + "/objecting";
-    std::filesystem::create_directories(objecting);
-    std::filesystem::copy_file(std::string(VIGILD_BROKEN_MODULE_DIR) + "/lib_vd_objects.so",
-                               objecting + "/lib_vd_objects.so");
-    ASSERT_EQ(run("defaults --modules " + objecting, &out), 0) << out;
-    p.writeFile("/objected.json", out);
-    EXPECT_EQ(run("check " + p.hostPath("/objected.json") + " --modules " + objecting, &out), 1);
+// The tool prints findings as compilers do (file:line:column) and exits 0 for a sound file, 1
+// for one with findings (a module's own objections included), 2 when it cannot check.
+TEST_F(ConfigLintTest, TheToolsOutputAndExitStatus) {
+    std::string defaults, objected, out;
+    ASSERT_EQ(run("defaults --modules " + modules_, &defaults), 0);
+    const std::string file = p_.hostPath("/config.json");
+    EXPECT_EQ(check(defaults, modules_, &out), 0);
+    EXPECT_EQ(out, file + ": " + kApplied + "\n" + file + ": sound\n");
+    // Without the library the file names a module the device does not have.
+    EXPECT_EQ(check(defaults, "", &out), 1);
+    EXPECT_EQ(out, file + ":1:291: warning: unknown module \"SoundModule\": it is ignored\n" +
+                       file + ": " + kApplied + "\n" + file + ": 0 error(s), 1 warning(s)\n");
+    const std::string objecting = library("lib_vd_objects.so");
+    ASSERT_EQ(run("defaults --modules " + objecting, &objected), 0);
+    EXPECT_EQ(check(objected, objecting, &out), 1);
     EXPECT_NE(out.find("warning: module \"BrokenModule\" objects to \"Rotate size (KB)\": must be "
                        "a power of two"),
               std::string::npos)
         << out;
-    EXPECT_EQ(run("check " + p.hostPath("/missing.json"), &out), 2) << out;
-    EXPECT_EQ(run("check " + p.hostPath("/good.json") + " --prop bad", &out), 2) << out;
+    EXPECT_EQ(run("check " + p_.hostPath("/missing.json"), &out), 2);
 }
 
 }  // namespace
