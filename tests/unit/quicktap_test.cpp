@@ -1,156 +1,102 @@
+// QuickTap: the combination table, the two properties that pick a preset, and the copy of the
+// chosen preset over the active configuration file.
 #include "quicktap/quicktap.h"
 
 #include <gtest/gtest.h>
 
-#include <atomic>
-#include <cstring>
-#include <thread>
-#include <vector>
+#include <iterator>
+#include <sstream>
 
 #include "core/builtin_modules.h"
 #include "core/log.h"
+#include "fakes/fake_module.h"
 #include "fakes/test_platform.h"
-
-using vigild::testing::TestPlatform;
+#include "storage/utility.h"
 
 namespace {
 
-constexpr const char* kModuleTime = "persist.sys.vd.quick_tap_module_time";
-
-class QuickTapTest : public ::testing::Test {
-  protected:
-    QuickTapTest() { resetQuickTapForTesting(); }
-    ~QuickTapTest() override { resetQuickTapForTesting(); }
-    // nullptr: unset
-    void setModuleTime(const char* value) {
-        value ? p.setProperty(kModuleTime, value) : (void)p.properties().erase(kModuleTime);
-        p.log().clear();
-    }
-    TestPlatform p;
-};
-
-TEST_F(QuickTapTest, TableRowsAndLookups) {
-    EXPECT_TRUE(quickTapTable().empty());
-    EXPECT_EQ(returnQuickTapModuleKey(12), "bluetooth");
-    auto table = quickTapTable();
-    ASSERT_EQ(table.size(), 22u);
-    EXPECT_EQ(table.front().key, "audio");
-    EXPECT_EQ(table.front().value, 1);
-    EXPECT_EQ(table[14].key, "bluetooth_wifi");
-    EXPECT_EQ(table[14].value, 15);
-    EXPECT_EQ(table.back().key, "default");
-    EXPECT_EQ(table.back().value, 22);
-
+// The numbers are what the companion app writes into the property: every row is pinned.
+TEST(QuickTapTest, CombinationTableAndModuleSettings) {
+    vigild::testing::TestPlatform p;
+    std::istringstream table(
+        "audio audio_battery audio_bluetooth audio_cellular audio_scanner audio_wifi battery "
+        "battery_bluetooth battery_cellular battery_scanner battery_wifi bluetooth "
+        "bluetooth_cellular bluetooth_scanner bluetooth_wifi cellular cellular_scanner "
+        "cellular_wifi scanner scanner_wifi wifi default");
+    const std::vector<std::string> names{std::istream_iterator<std::string>(table), {}};
+    // A second build appends a copy, which changes no answer.
+    createQuickTapKeyValue();
     createQuickTapKeyValue();
     EXPECT_EQ(quickTapTable().size(), 44u);
-    EXPECT_EQ(returnQuickTapModuleKey(21), "wifi");
+    for (int n = 1; n <= 22; n++) EXPECT_EQ(returnQuickTapModuleKey(n), names[n - 1]);
     for (int number : {0, 23, -1}) EXPECT_EQ(returnQuickTapModuleKey(number), "default");
-}
+    // The range test is "above low or at most high", on purpose.
+    EXPECT_TRUE(isNumberInRange(5, 1, 4));
+    EXPECT_TRUE(isNumberInRange(0, 1, 4));
+    EXPECT_FALSE(isNumberInRange(5, 6, 4));
 
-TEST_F(QuickTapTest, TableBuiltAndReadFromSeveralThreads) {
-    std::atomic<int> wrong{0};
-    std::vector<std::thread> threads;
-    for (int t = 0; t < 4; t++) {
-        threads.emplace_back([&wrong] {
-            createQuickTapKeyValue();
-            for (int i = 0; i < 200; i++) {
-                if (returnQuickTapModuleKey(12) != "bluetooth") wrong++;
-                if (returnQuickTapModuleKey(23) != "default") wrong++;
-            }
-        });
+    QuickTapModule module;
+    // Registration enables every module first; QuickTap stays off until configured.
+    Module::moduleConfig settings{
+        "QuickTapModule", {vigild::testing::makeSetting("Enable Module", "boolean", "true")}};
+    EXPECT_EQ(module.init(settings), 0);
+    std::string declared;
+    for (const auto& c : settings.configs) {
+        declared += std::string(c.name) + " " + c.type + " " + c.value + " (";
+        for (const auto& option : c.options) declared += std::string(option) + " ";
+        declared += ") ";
     }
-    for (auto& t : threads) t.join();
-    EXPECT_EQ(wrong.load(), 0);
-    size_t rows = quickTapTable().size();
-    // Four appends, plus one more when a lookup found the table empty first.
-    EXPECT_TRUE(rows == 88u || rows == 110u) << rows;
+    EXPECT_EQ(declared,
+              "Enable Module boolean false () Select Module int 0 () "
+              "Log Duration (sec) list 0 (0 1800 3600 7200 10800 14400 ) ");
 }
 
-TEST_F(QuickTapTest, PropertyReaders) {
-    struct {
-        const char* value;
-        int number, timer;
-        bool error;
-    } cases[] = {
-        {"12_3600", 12, 3600, false},
-        {"bluetooth_2", 12, 2, false},
-        {"bluetooth_wifi_5", 15, 5, false},
-        {"default_0", 22, 0, false},
-        {"nosuch_1", 22, 1, true},
-        {"12_abc", 12, 0, true},
-        {"12_", 12, 0, true},
-        {"12_36x", 12, 0, true},
-        {"99999999999_5", 0, 5, true},
-        {"12", 0, 0, false},
-        {nullptr, 0, 0, false},
-    };
-    for (const auto& c : cases) {
-        setModuleTime(c.value);
-        const char* label = c.value ? c.value : "(unset)";
-        EXPECT_EQ(getQuickTapModFromProp(), c.number) << label;
-        EXPECT_EQ(getQuickTapTimerFromProp(), c.timer) << label;
-        bool logged = false;
-        for (const auto& line : p.log().lines()) logged |= line.priority == kLogError;
-        EXPECT_EQ(logged, c.error) << label;
-    }
-}
-
-TEST_F(QuickTapTest, OnSwitchIsExact) {
-    EXPECT_FALSE(isTwQuickTapModeEnabled());
-    for (const char* value : {"true1", "TRUE", "true"}) {
-        p.setProperty("persist.sys.vd.quick_tap", value);
-        EXPECT_EQ(isTwQuickTapModeEnabled(), strcmp(value, "true") == 0) << value;
-    }
-}
-
-TEST_F(QuickTapTest, CopiesThePreparedFileOfTheChosenCombination) {
+TEST(QuickTapTest, PropertiesPickTheCombinationAndThePresetIsCopied) {
+    vigild::testing::TestPlatform p;
     p.setProperty("persist.sys.vd.storage_path", "/sdcard/");
-    p.writeFile("/sdcard/Tellwick/config.json", "active");
     p.writeFile("/sdcard/Tellwick/quicktap/bluetooth/config.json", "bluetooth preset");
     p.writeFile("/sdcard/Tellwick/quicktap/default/config.json", "default preset");
+    // clang-format off
+    const struct {
+        const char* value;  // nullptr: unset
+        int number, timer;
+        bool error;          // an error line about the value
+        const char* preset;  // the combination copied
+        bool prepared;       // its file exists; otherwise the active file stays
+    } cases[] = {
+        {"12_3600", 12, 3600, false, "bluetooth", true},
+        {"bluetooth_2", 12, 2, false, "bluetooth", true},  // the name in place of the number
+        {"bluetooth_wifi_5", 15, 5, false, "bluetooth_wifi", false},
+        {"3_1800", 3, 1800, false, "audio_bluetooth", false},
+        {"nosuch_1", 22, 1, true, "default", true}, {"12_abc", 12, 0, true, "bluetooth", true},
+        {"99999999999_5", 0, 5, true, "default", true}, {"12", 0, 0, false, "bluetooth", true},
+        {"40_1", 40, 1, false, "default", true}, {nullptr, 0, 0, false, "default", true}};
+    // clang-format on
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.value ? c.value : "(unset)");
+        p.properties().erase("persist.sys.vd.quick_tap_module_time");
+        if (c.value) p.setProperty("persist.sys.vd.quick_tap_module_time", c.value);
+        p.log().clear();
+        EXPECT_EQ(getQuickTapModFromProp(), c.number);
+        EXPECT_EQ(getQuickTapTimerFromProp(), c.timer);
+        bool errorLine = false;
+        for (const auto& line : p.log().lines()) errorLine |= line.priority == kLogError;
+        EXPECT_EQ(errorLine, c.error);
 
-    std::pair<const char*, std::string> cases[] = {
-        {"12_3600", "bluetooth"}, {"bluetooth_2", "bluetooth"}, {nullptr, "default"},
-        {"40_1", "default"},      {"abc_1", "default"},         {"12", "bluetooth"}};
-    for (const auto& [value, name] : cases) {
-        setModuleTime(value);
+        p.writeFile("/sdcard/Tellwick/config.json", "active");
         EXPECT_EQ(copyQuickTapConfigFilePath(),
-                  "/sdcard/Tellwick/quicktap/" + name + "/config.json");
-        EXPECT_EQ(p.readFile("/sdcard/Tellwick/config.json"), name + " preset");
-        EXPECT_TRUE(p.log().contains("QuickTap::File copied successfully at destination", kLogInfo))
-            << (value ? value : "(unset)");
+                  std::string("/sdcard/Tellwick/quicktap/") + c.preset + "/config.json");
+        EXPECT_EQ(p.readFile("/sdcard/Tellwick/config.json"),
+                  c.prepared ? std::string(c.preset) + " preset" : "active");
+        EXPECT_TRUE(c.prepared ? p.log().contains(
+                                     "QuickTap::File copied successfully at destination", kLogInfo)
+                               : p.log().contains("QuickTap::File copied failed", kLogError));
     }
-
-    // A missing prepared file leaves the active file.
-    p.writeFile("/sdcard/Tellwick/config.json", "active");
-    setModuleTime("3_1800");
-    EXPECT_EQ(copyQuickTapConfigFilePath(),
-              "/sdcard/Tellwick/quicktap/audio_bluetooth/config.json");
-    EXPECT_TRUE(p.log().contains("QuickTap::File copied failed", kLogError));
-    EXPECT_EQ(p.readFile("/sdcard/Tellwick/config.json"), "active");
-}
-
-TEST_F(QuickTapTest, ModuleDeclaresItsThreeSettingsDisabled) {
-    QuickTapModule module;
-    Module::moduleConfig settings{module.getName(), {}};
-    char enabled[] = "true";
-    module.addConfigBoolean(settings, "Enable Module", enabled);
-    EXPECT_EQ(module.init(settings), 0);
-
-    ASSERT_EQ(settings.configs.size(), 3u);
-    const char* expected[3][3] = {{"Enable Module", "boolean", "false"},
-                                  {"Select Module", "int", "0"},
-                                  {"Log Duration (sec)", "list", "0"}};
-    for (int i = 0; i < 3; i++) {
-        EXPECT_STREQ(settings.configs[i].name, expected[i][0]);
-        EXPECT_STREQ(settings.configs[i].type, expected[i][1]);
-        EXPECT_STREQ(settings.configs[i].value, expected[i][2]);
+    // The switch is exactly "true".
+    for (const char* value : {"true1", "TRUE", "true"}) {
+        p.setProperty("persist.sys.vd.quick_tap", value);
+        EXPECT_EQ(isTwQuickTapModeEnabled(), std::string(value) == "true") << value;
     }
-    EXPECT_STREQ(settings.configs[0].defaultValue, "false");
-    EXPECT_FALSE(isModuleEnabled(settings));
-    const Module::config& duration = settings.configs[2];
-    std::vector<std::string> options(duration.options.begin(), duration.options.end());
-    EXPECT_EQ(options, (std::vector<std::string>{"0", "1800", "3600", "7200", "10800", "14400"}));
 }
 
 }  // namespace
