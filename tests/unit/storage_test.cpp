@@ -29,6 +29,7 @@
 #include "fakes/eventually.h"
 #include "fakes/fake_module.h"
 #include "fakes/test_platform.h"
+#include "platform/fs.h"
 #include "quicktap/quicktap.h"
 #include "standin/standin_service.h"
 #include "storage/bugreport.h"
@@ -151,7 +152,6 @@ TEST(StorageRootTest, RootAndLayoutByModeCardAndProperties) {
 TEST(StorageRootTest, CardThatComesAndGoesWhileThreadsResolve) {
     TestPlatform p;
     p.setProperty("persist.sys.vd.storage_path", "/sdcard/");
-    EXPECT_EQ(getDefaultDirectory(), "/sdcard/");
     p.makeDir("/storage/1A2B-3C4D");
     auto resolve = [] {
         for (int i = 0; i < 25; i++) EXPECT_EQ(getDefaultDirectory(), "/storage/1A2B-3C4D/");
@@ -265,7 +265,6 @@ TEST(LogDeletionTest, DeleteTypeByLayoutWithAndWithoutLinks) {
             EXPECT_EQ(outside(p), before);
             EXPECT_EQ(p.log().contains("Failed to obtain a handle on vd_service", kLogError),
                       c.type == kNoService);
-            EXPECT_TRUE(p.log().contains("deleteLogs::finish"));
         }
     }
 }
@@ -481,10 +480,6 @@ TEST_F(FileTest, CopyFile) {
     p.writeFile("/data/bugreport.zip", data);
     p.writeFile("/sdcard/Tellwick/bugreport.zip", std::string(4 * 1024 * 1024, 'x'));
     EXPECT_TRUE(copyFile("/data/bugreport.zip", "/sdcard/Tellwick/bugreport.zip"));
-    EXPECT_TRUE(
-        p.log().contains("copyFile::sourcePath == /data/bugreport.zip, destination path "
-                         "== /sdcard/Tellwick/bugreport.zip",
-                         kLogDebug));
     EXPECT_TRUE(p.readFile("/sdcard/Tellwick/bugreport.zip") == data);
     ASSERT_EQ(::link(p.hostPath("/outside/secret").c_str(), p.hostPath("/sdcard/hard").c_str()), 0);
     EXPECT_TRUE(copyFile("/data/bugreport.zip", "/sdcard/hard"));
@@ -506,7 +501,8 @@ TEST_F(FileTest, CopyFile) {
         // clang-format on
         p.files().arm(std::string(destination) == "/sdcard/full" ? 1 : 0, ENOSPC);
         bool copied = true;
-        ASSERT_TRUE(finishesWithin([&] { copied = copyFile(source, destination); }, 10s));
+        ASSERT_TRUE(
+            finishesWithin([&, s = source, d = destination] { copied = copyFile(s, d); }, 10s));
         EXPECT_FALSE(copied) << source;
         EXPECT_TRUE(p.log().contains(line)) << line;
     }
@@ -669,13 +665,14 @@ TEST_F(BugreportTest, HangingToolsAreKilled) {
     ASSERT_TRUE(finishesWithin([] { EXPECT_EQ(bugreportPass(), kBugreportDone); }, 10s));
     EXPECT_EQ(p.clock().sleeps(), std::vector<std::chrono::milliseconds>(600, 1s));
     EXPECT_TRUE(p.log().contains("bugreportz did not exit normally", kLogError));
-    EXPECT_TRUE(
-        p.log().contains("Tw Bugreport: bugreportz was ended by signal 9 (Killed)", kLogError));
     EXPECT_EQ(service.bugreportStatuses(), std::vector<int>{0});
     EXPECT_FALSE(hasChildren());
 
+    // It inherits none of the daemon's descriptors.
+    const int held = vigild::fs::open("/held", O_RDONLY | O_CREAT, 0644);
     const std::string closed = p.hostPath("/closed");
-    writeTool("sleep 1000 >/dev/null 2>&1 &\necho $! > " + p.hostPath("/grandchild") +
+    writeTool("ls -l /proc/$$/fd > " + p.hostPath("/fds") +
+              "\nsleep 1000 >/dev/null 2>&1 &\necho $! > " + p.hostPath("/grandchild") +
               "\nexec >&- 2>&-\ntouch " + closed + "\nexec sleep 1000");
     // Platform time stands still until the tool has closed its output.
     p.clock().onSleep([&](std::chrono::milliseconds) {
@@ -685,6 +682,8 @@ TEST_F(BugreportTest, HangingToolsAreKilled) {
     EXPECT_TRUE(p.log().contains(
         "Tw Bugreport::bugreportz closed its output but did not exit, killing it", kLogError));
     EXPECT_FALSE(hasChildren());
+    EXPECT_EQ(p.readFile("/fds").find(p.hostPath("/held")), std::string::npos);
+    close(held);
     // Gone, or a zombie waiting for init.
     const std::string stat =
         "/proc/" + std::to_string(std::stoi(p.readFile("/grandchild"))) + "/stat";
