@@ -50,11 +50,9 @@ TEST(SoakTest, CommandsAreAllAnsweredAndDescriptorsStayFlat) {
     service.updateAnswers([](vdstandin::DeviceAnswers& a) { a.stateOverride = 7; });
     ASSERT_TRUE(daemon.launch());
     const std::string initial = vigild::testing::fetchConfig(service, 60s);
-    std::string documents[2];
-    for (int i = 0; i < 2; i++) {
-        documents[i] = vigild::testing::withSetting(initial, "Tellwick Settings",
-                                                    "Enable notifications", i ? "true" : "false");
-    }
+    const std::string documents[2] = {
+        vigild::testing::withSetting(initial, "Tellwick Settings", "Enable notifications", "false"),
+        vigild::testing::withSetting(initial, "Tellwick Settings", "Enable notifications", "true")};
     const char* const rotation[] = {
         "config_get:", "refresh_state", "refresh_time",   "fresh_connect", "config_set:",
         "Start:",      "config_get:",   "refresh_config", "refresh_state", "config_get:"};
@@ -83,11 +81,9 @@ TEST(SoakTest, CommandsAreAllAnsweredAndDescriptorsStayFlat) {
         service.waitUntil([&](const auto& rs) { return answers(rs) == expected; }, 60s);
         ASSERT_EQ(answers(service.records()), expected)
             << "batch " << b << "; alive " << daemon.alive();
-        if (b % 3 == 2) {
-            fsys::remove(daemon.host("/sdcard/Tellwick/config.json"));
-        } else {
-            std::ofstream(daemon.host("/sdcard/Tellwick/config.json")) << documents[b % 2];
-        }
+        const std::string deployed = daemon.host("/sdcard/Tellwick/config.json");
+        if (b % 3 == 2) fsys::remove(deployed);
+        if (b % 3 != 2) std::ofstream(deployed) << documents[b % 2];
     }
     std::string rss;
     for (std::ifstream in("/proc/" + std::to_string(daemon.pid()) + "/status");
@@ -97,7 +93,6 @@ TEST(SoakTest, CommandsAreAllAnsweredAndDescriptorsStayFlat) {
     printf("soak: %zu commands; descriptors baseline %ld, last %ld; %s\n", batches * 50, baseline,
            fds, rss.c_str());
     EXPECT_TRUE(daemon.alive());
-    service.stop();
 }
 
 }  // namespace
