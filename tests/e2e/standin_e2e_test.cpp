@@ -80,10 +80,13 @@ TEST_F(StandinE2ETest, StatusConfigSetAndWatchOnALiveDaemon) {
     std::string out;
     ASSERT_TRUE(eventuallyShows("status --json", "\"connected\":true", &out)) << out;
     ASSERT_EQ(run("send fresh_connect", &out), 0) << out;
-    ASSERT_TRUE(eventuallyShows("status --json", "\"daemonVersion\":\"14.0.15.19\"", &out)) << out;
+    // The daemon's own version comes first, then each module's.
+    ASSERT_TRUE(eventuallyShows("status --json", "\"QuickTapModule\",\"version\":\"14", &out))
+        << out;
     for (const char* part :
          {"{\"state\":\"stopped\",\"stateCode\":0,\"storageRoot\":\"/sdcard/"
           "\",\"layout\":\"normal\"",
+          "\"daemonVersion\":\"14.0.15.19\"",
           "{\"name\":\"LogcatModule\",\"version\":\"14.0.1.0\",\"enabled\":true,\"running\":false}",
           "\"lastError\":null", "\"sdcard-present\":0"}) {
         EXPECT_NE(out.find(part), std::string::npos) << part << " in " << out;
