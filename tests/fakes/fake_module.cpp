@@ -24,19 +24,10 @@ void Journal::clear() {
 FakeModule::FakeModule(std::string name, std::string version)
     : name_(std::move(name)), version_(std::move(version)) {}
 
-int FakeModule::init(moduleConfig& settings) {
-    if (onInit) onInit(*this, settings);
-    return 0;
-}
-
 int FakeModule::start(moduleConfig settings) {
     starts++;
     std::string event = name_ + ":start";
     if (withSettingsCount_) event += ":" + std::to_string(settings.configs.size());
-    {
-        std::lock_guard<std::mutex> lock(startMutex_);
-        lastStart_ = std::move(settings);
-    }
     note(event);
     return 0;
 }
@@ -73,11 +64,6 @@ int FakeModule::logcatEOFStatus() {
 void FakeModule::journalTo(Journal* journal, bool withSettingsCount) {
     journal_ = journal;
     withSettingsCount_ = withSettingsCount;
-}
-
-Module::moduleConfig FakeModule::lastStartSettings() const {
-    std::lock_guard<std::mutex> lock(startMutex_);
-    return lastStart_;
 }
 
 void FakeModule::note(const std::string& event) {

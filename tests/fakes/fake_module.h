@@ -1,12 +1,11 @@
 // An in-process module for tests that need the registry filled without loading a library:
-// it counts its calls, can write them to a journal, hands out objections and an end-of-file
-// answer, and keeps the settings it was last started with. Plus small helpers to build
+// it counts its calls, can write them to a journal and hands out objections and an end-of-file
+// answer. Plus small helpers to build
 // setting records and register modules.
 #pragma once
 
 #include <atomic>
 #include <cstddef>
-#include <functional>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -34,7 +33,7 @@ class FakeModule : public Module {
     explicit FakeModule(std::string name, std::string version = "14.0.0.1");
 
     int shouldLoad() override { return 0; }
-    int init(moduleConfig& settings) override;
+    int init(moduleConfig&) override { return 0; }
     int start(moduleConfig settings) override;
     int systemTimeChange() override;
     int prestop() override;
@@ -48,16 +47,12 @@ class FakeModule : public Module {
     // `journal` (not owned; null for none). With `withSettingsCount` a start is written as
     // "Name:start:N", N the number of settings it was given.
     void journalTo(Journal* journal, bool withSettingsCount = false);
-    // The settings of the last start() (empty before the first).
-    moduleConfig lastStartSettings() const;
 
     std::atomic<int> starts{0}, prestops{0}, stops{0}, timeChanges{0}, judged{0};
     // Appended to the errors of every configVal().
     std::vector<std::string> objections;
     // What logcatEOFStatus() answers: true is 1.
     std::atomic<bool> eof{false};
-    // Runs in init(), e.g. to declare settings with the add helpers.
-    std::function<void(FakeModule& self, moduleConfig& settings)> onInit;
 
   private:
     void note(const std::string& event);
@@ -66,8 +61,6 @@ class FakeModule : public Module {
     std::string version_;
     Journal* journal_ = nullptr;
     bool withSettingsCount_ = false;
-    mutable std::mutex startMutex_;
-    moduleConfig lastStart_{};
 };
 
 // A setting record whose value and default are `value` (cut to fit the buffers).

@@ -199,9 +199,12 @@ std::string makeTempRoot() {
     return tmpl;
 }
 
-TestPlatform* gActive = nullptr;
+// The socket service manager of the installed platform, present when "/dev/binder/" exists.
+platform::host::SocketServiceManager* gServices = nullptr;
 
-platform::ServiceManager* testServiceManager();
+platform::ServiceManager* testServiceManager() {
+    return gServices != nullptr && gServices->exists() ? gServices : nullptr;
+}
 
 }  // namespace
 
@@ -217,7 +220,7 @@ TestPlatform::TestPlatform()
     p.loader = &loader_;
     p.files = &files_;
     p.serviceManager = testServiceManager;
-    gActive = this;
+    gServices = &services_;
     platform::install(p);
     resetDebugSwitchesForTesting();
     resetDaemonStateForTesting();
@@ -230,15 +233,8 @@ TestPlatform::TestPlatform()
 TestPlatform::~TestPlatform() {
     std::error_code ec;
     std::filesystem::remove_all(root_, ec);
-    if (gActive == this) gActive = nullptr;
+    if (gServices == &services_) gServices = nullptr;
 }
-
-namespace {
-platform::ServiceManager* testServiceManager() {
-    if (gActive == nullptr) return nullptr;
-    return gActive->servicesIfPresent();
-}
-}  // namespace
 
 std::string TestPlatform::hostPath(const std::string& devicePath) const {
     return deviceRoot_.toHost(devicePath);

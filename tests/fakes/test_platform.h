@@ -25,7 +25,7 @@
 namespace vigild::testing {
 
 class MemoryProperties : public platform::Properties {
-public:
+  public:
     int get(const char* key, char* value, const char* defaultValue) override;
     int set(const char* key, const char* value) override;
     // The stored value, or nullopt when unset.
@@ -34,7 +34,7 @@ public:
     // Every successful set, in order (key, value).
     std::vector<std::pair<std::string, std::string>> writes() const;
 
-private:
+  private:
     mutable std::mutex mutex_;
     std::map<std::string, std::string> values_;
     std::vector<std::pair<std::string, std::string>> writes_;
@@ -46,7 +46,7 @@ struct LogLine {
 };
 
 class RecordingLog : public platform::LogSink {
-public:
+  public:
     void write(int priority, const char* tag, const char* text) override;
     std::vector<LogLine> lines() const;
     // Lines of exactly this text (and priority, when given).
@@ -58,13 +58,13 @@ public:
     int indexOf(const std::string& text, size_t from = 0) const;
     void clear();
 
-private:
+  private:
     mutable std::mutex mutex_;
     std::vector<LogLine> lines_;
 };
 
 class VirtualClock : public platform::Clock {
-public:
+  public:
     // Wall clock: the next queued reading if any, else the current virtual time.
     time_t wallTime() override;
     // Records the request, advances virtual time, runs the hook and returns at once.
@@ -77,7 +77,7 @@ public:
     // Runs on every sleep (on the sleeping thread), e.g. to set exitRequested after N.
     void onSleep(std::function<void(std::chrono::milliseconds)> hook);
 
-private:
+  private:
     mutable std::mutex mutex_;
     std::atomic<time_t> now_{1700000000};
     std::deque<time_t> queued_;
@@ -87,13 +87,13 @@ private:
 
 // Host processes with the shell commands recorded.
 class RecordingProcesses : public platform::host::HostProcesses {
-public:
+  public:
     using HostProcesses::HostProcesses;
     FILE* openShell(const char* command) override;
     int runShell(const char* command) override;
     std::vector<std::string> commands() const;
 
-private:
+  private:
     mutable std::mutex mutex_;
     std::vector<std::string> commands_;
 };
@@ -105,7 +105,7 @@ struct StoppedHere {};
 // (write, copyRange, fsync or renameat) fails with `error` after writing half of what it was
 // given, as a disk that fills half-way, or stops the caller there (throws StoppedHere).
 class FaultyFiles : public platform::Files {
-public:
+  public:
     enum class Fault { kFail, kStop };
     // nth 0: no fault, only counting.
     void arm(int nth, int error = ENOSPC, Fault fault = Fault::kFail);
@@ -117,7 +117,7 @@ public:
     int fsync(int fd) override;
     int renameat(int fromDir, const char* from, int toDir, const char* to) override;
 
-private:
+  private:
     // True when this call is the one to fail; a stop throws here, after `half` ran.
     bool faultHere(const std::function<void()>& half = nullptr);
 
@@ -128,7 +128,7 @@ private:
 };
 
 class TestPlatform {
-public:
+  public:
     TestPlatform();
     ~TestPlatform();
     TestPlatform(const TestPlatform&) = delete;
@@ -143,10 +143,6 @@ public:
     VirtualClock& clock() { return clock_; }
     RecordingProcesses& processes() { return *processes_; }
     FaultyFiles& files() { return files_; }
-    // The socket service manager, present when "/dev/binder/" exists under the root.
-    platform::ServiceManager* servicesIfPresent() {
-        return services_.exists() ? &services_ : nullptr;
-    }
 
     void setProperty(const std::string& key, const std::string& value);
     // The value, or `fallback` when unset.
@@ -160,7 +156,7 @@ public:
     bool exists(const std::string& devicePath) const;
     void makeDir(const std::string& devicePath);
 
-private:
+  private:
     std::string root_;
     platform::host::HostRoot deviceRoot_;
     MemoryProperties properties_;
@@ -180,11 +176,11 @@ bool finishesWithin(std::function<void()> fn, std::chrono::milliseconds timeout)
 // While alive, runs `action` (what another thread would do) each time the daemon reaches the
 // sync point `name`, so a race is replayed in one fixed order without sleeps.
 class AtSyncPoint {
-public:
+  public:
     AtSyncPoint(std::string name, std::function<void()> action);
     ~AtSyncPoint();
 
-private:
+  private:
     static void handle(const char* name);
 };
 

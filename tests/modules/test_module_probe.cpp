@@ -1,49 +1,31 @@
 #include "test_module_probe.h"
 
-#include <map>
-#include <memory>
+#include <mutex>
 
 namespace vdtest {
 namespace {
 
 std::mutex gMutex;
-// Probes live for the process, like the modules they watch.
-std::map<const Module*, std::unique_ptr<Probe>>& probes() {
-    static auto* map = new std::map<const Module*, std::unique_ptr<Probe>>;
-    return *map;
+// Probes live for the process, like the modules they watch; newest last.
+std::vector<Probe*>& probes() {
+    static auto* all = new std::vector<Probe*>;
+    return *all;
 }
-std::vector<Probe*>& registrationOrder() {
-    static auto* order = new std::vector<Probe*>;
-    return *order;
-}
-std::vector<Event>& journal() {
-    static auto* events = new std::vector<Event>;
+std::vector<std::pair<std::string, std::string>>& journal() {
+    static auto* events = new std::vector<std::pair<std::string, std::string>>;
     return *events;
 }
-uint64_t gSequence = 0;
 
 }  // namespace
 
 Probe* registerProbe(Module* m) {
     std::lock_guard<std::mutex> lock(gMutex);
-    auto& slot = probes()[m];
-    if (!slot) {
-        slot = std::make_unique<Probe>(m);
-        registrationOrder().push_back(slot.get());
-    }
-    return slot.get();
-}
-
-Probe* probeOf(const Module* m) {
-    std::lock_guard<std::mutex> lock(gMutex);
-    auto it = probes().find(m);
-    return it == probes().end() ? nullptr : it->second.get();
+    return probes().emplace_back(new Probe(m));
 }
 
 Probe* probeNamed(const std::string& name) {
     std::lock_guard<std::mutex> lock(gMutex);
-    const auto& order = registrationOrder();
-    for (auto it = order.rbegin(); it != order.rend(); ++it) {
+    for (auto it = probes().rbegin(); it != probes().rend(); ++it) {
         const char* n = (*it)->module->getName();
         if (n != nullptr && name == n) return *it;
     }
@@ -52,18 +34,14 @@ Probe* probeNamed(const std::string& name) {
 
 void recordEvent(const char* module, const char* what) {
     std::lock_guard<std::mutex> lock(gMutex);
-    journal().push_back(Event{++gSequence, module ? module : "(null)", what});
-}
-
-std::vector<Event> events() {
-    std::lock_guard<std::mutex> lock(gMutex);
-    return journal();
+    journal().emplace_back(module ? module : "(null)", what);
 }
 
 std::vector<std::string> eventNames(const std::string& what) {
+    std::lock_guard<std::mutex> lock(gMutex);
     std::vector<std::string> out;
-    for (const Event& e : events()) {
-        if (what.empty() || e.what == what) out.push_back(e.module + ":" + e.what);
+    for (const auto& [module, event] : journal()) {
+        if (what.empty() || event == what) out.push_back(module + ":" + event);
     }
     return out;
 }

@@ -26,7 +26,6 @@
 //   lib_vd_nullname.so     getName() null
 //   lib_vd_nullversion.so  getVersion() null
 //   lib_vd_lts.so       "LTSModule": int "LTS Days" = "7"
-//   lib_vd_logcat.so    "LogcatModule": logcatEOFStatus() returns Probe::eofStatus
 //   lib_vd_settings.so  "SettingsModule" with every type (VDTEST_SETTINGS 1):
 //                         int "Buffer Size (KB)" = "256"
 //                         boolean "Verbose" = "false"
@@ -34,12 +33,8 @@
 //                         string "Log Path" = "/sdcard/Tellwick/settings/"
 //   libvd_x.so, lib_VD_x.so  valid modules named "Ignored" whose names the loader must skip
 //
-// configVal() of every test module objects in pairs (setting name, message):
-//   - a setting whose value is exactly "reject" gives (name, "<name> rejected");
-//   - an int whose value is "0" gives (name, "<name> must be positive");
-//   - a setting whose value is exactly "unpaired" appends its name alone (a trailing
-//     unpaired element, which the daemon ignores).
-//   A boolean whose value is "yes" is corrected to "true" in place.
+// configVal() of every test module objects to an int set to "0" with the pair (setting name,
+// "<name> must be positive").
 //
 // Every test module registers a Probe when getModule() is first called. The probe library
 // (libvd_test_probe.so, linked by the modules and by every test) holds the probes and one
@@ -51,8 +46,6 @@
 #pragma once
 
 #include <atomic>
-#include <cstdint>
-#include <mutex>
 #include <string>
 #include <vector>
 
@@ -60,63 +53,22 @@
 
 namespace vdtest {
 
-struct Event {
-    uint64_t sequence;  // global across all test modules
-    std::string module;
-    std::string what;  // "init", "start", "prestop", "stop", "systemTimeChange", "configVal"
-};
-
 class Probe {
   public:
     explicit Probe(Module* m) : module(m) {}
 
     Module* const module;
-    std::atomic<int> inits{0};
-    std::atomic<int> starts{0};
-    std::atomic<int> prestops{0};
-    std::atomic<int> stops{0};
-    std::atomic<int> systemTimeChanges{0};
-    std::atomic<int> configVals{0};
-    std::atomic<int> eofQueries{0};
-    // What logcatEOFStatus() returns; tests set it.
-    std::atomic<int> eofStatus{0};
-
-    // Copy of the settings the last start() got (names and values).
-    Module::moduleConfig lastStartSettings() const {
-        std::lock_guard<std::mutex> lock(mutex_);
-        return lastStart_;
-    }
-    // The errors vector as the last configVal() left it.
-    std::vector<std::string> lastErrors() const {
-        std::lock_guard<std::mutex> lock(mutex_);
-        return lastErrors_;
-    }
-    void recordStart(const Module::moduleConfig& settings) {
-        std::lock_guard<std::mutex> lock(mutex_);
-        lastStart_ = settings;
-    }
-    void recordErrors(const std::vector<std::string>& errors) {
-        std::lock_guard<std::mutex> lock(mutex_);
-        lastErrors_ = errors;
-    }
-
-  private:
-    mutable std::mutex mutex_;
-    Module::moduleConfig lastStart_{};
-    std::vector<std::string> lastErrors_;
+    std::atomic<int> inits{0}, starts{0}, prestops{0}, stops{0};
 };
 
 // --- in libvd_test_probe.so ---
 
-// Creates (once per module object) and returns its probe.
+// Creates the probe of a module object (once, from its constructor).
 Probe* registerProbe(Module* m);
-// The probe of a test module object, or null for any other module.
-Probe* probeOf(const Module* m);
 // The most recently registered probe of a module with this name, or null.
 Probe* probeNamed(const std::string& name);
 // Appends to the journal.
 void recordEvent(const char* module, const char* what);
-std::vector<Event> events();
 // The journal as "module:what" strings, oldest first; `what` filters when not empty.
 std::vector<std::string> eventNames(const std::string& what = "");
 void clearEvents();
