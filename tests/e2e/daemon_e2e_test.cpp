@@ -153,9 +153,8 @@ TEST(DaemonCommandLineTest, BadDeviceRootEndsTheDaemonWithStatusTwo) {
     }
 }
 
-// A changed module is restarted with its new settings, an unchanged one is left running; the
-// state survives a restart of the daemon; a stream that ends is restarted while running.
-TEST_F(DaemonE2ETest, ChangesRestartOnlyTheChangedModuleAndAutostartResumes) {
+// A changed module is restarted with its new settings, an unchanged one is left running.
+TEST_F(DaemonE2ETest, ChangesRestartOnlyTheChangedModule) {
     const char* header = "--- LogcatModule started ---";
     auto command = [](const char* word) {
         return std::string("for i in $(seq 30); do echo ") + word + " $i; sleep 1; done";
@@ -182,18 +181,6 @@ TEST_F(DaemonE2ETest, ChangesRestartOnlyTheChangedModuleAndAutostartResumes) {
         },
         kTimeout));
     EXPECT_EQ(countOf(daemon.read(kLogcatLog), header), 2);
-
-    // No command after a restart of the daemon: it resumes logging on its own.
-    daemon.kill();
-    service->clearRecords();
-    launch();
-    ASSERT_TRUE(inState(1));
-    EXPECT_TRUE(logged(kLogcatLog, header, 3));
-    // The stream ends at once: the end-of-file monitor restarts it every poll.
-    configSet(withSetting(tock, "LogcatModule", "Command", "echo burst"));
-    EXPECT_TRUE(logged(kLogcatLog, "burst", 3));
-    service->queueCommand("stop:");
-    ASSERT_TRUE(inState(0));
 }
 
 TEST_F(DaemonE2ETest, ServiceGoingAwayOrKilledInTheMiddleOfCallsAgainAndAgain) {
@@ -236,31 +223,18 @@ TEST_F(DaemonE2ETest, ServiceGoingAwayOrKilledInTheMiddleOfCallsAgainAndAgain) {
     EXPECT_TRUE(eventually([&] { return daemon.read(kConfigFile) == held; }, kTimeout));
 }
 
+// Tools that crash, flood their output or name a device (paths leading elsewhere, links,
+// folders and hung tools: BugreportTest).
 TEST_F(DaemonE2ETest, BugreportToolsThatMisbehaveNeverTouchOtherFiles) {
-    // Files an "OK:" line may name that are not the tool's archives.
-    fsys::create_directories(daemon.host("/etc"));
-    std::ofstream(daemon.host("/etc/passwd")) << "root:x:0:0";
-    fsys::create_symlink(daemon.host("/etc/passwd"), daemon.host("/bugreports/bugreport-link.zip"));
-    fsys::create_directory(daemon.host("/bugreports/bugreport-dir.zip"));
     fsys::create_symlink("/dev/zero", daemon.host("/dev/bugreport-zero"));
     launch();
     const std::string config = daemon.read(kConfigFile);
     ASSERT_NE(notifications(config), "");
-    for (const char* tool : {
-             "exec sleep 1000",  // hangs: killed after ten minutes of device time
-             "echo 'OK:/bugreports/bugreport-x.zip'\nkill -SEGV $$",
-             "head -c 300000 /dev/urandom",
-             "echo 'OK:/../../etc/passwd'",
-             "echo 'OK:/bugreports/bugreport-link.zip'",
-             "echo 'OK:/bugreports/bugreport-dir.zip'",
-             "echo 'OK:/dev/bugreport-zero'",
-         }) {
+    for (const char* tool : {"echo 'OK:/bugreports/bugreport-x.zip'\nkill -SEGV $$",
+                             "head -c 300000 /dev/urandom", "echo 'OK:/dev/bugreport-zero'"}) {
         SCOPED_TRACE(tool);
         EXPECT_EQ(bugreport(tool), 0);
-        EXPECT_EQ(daemon.read("/etc/passwd"), "root:x:0:0");
-        EXPECT_TRUE(fsys::is_symlink(daemon.host("/bugreports/bugreport-link.zip")) &&
-                    fsys::is_directory(daemon.host("/bugreports/bugreport-dir.zip")) &&
-                    fsys::is_symlink(daemon.host("/dev/bugreport-zero")));
+        EXPECT_TRUE(fsys::is_symlink(daemon.host("/dev/bugreport-zero")));
         EXPECT_EQ(daemon.read(kConfigFile), config);
         for (const auto& e : fsys::directory_iterator(daemon.host("/sdcard/Tellwick"))) {
             EXPECT_NE(e.path().filename().string().rfind("TwBugreport-", 0), 0u) << e.path();
