@@ -402,39 +402,9 @@ TEST_F(ConsoleE2ETest, AppliedDocumentsReportObjectionsAndValuesNotKept) {
     EXPECT_NE(traced("receiveConfig"), nullptr);
 }
 
-TEST_F(ConsoleE2ETest, ControlsReachTheDaemon) {
-    std::filesystem::create_directories(daemon_.host("/bugreports"));
-    std::ofstream(daemon_.host("/bugreports/bugreport-console.zip")) << "zip bytes";
-    daemon_.writeBugreportTool("echo 'OK:/bugreports/bugreport-console.zip'");
-
-    ASSERT_EQ(command(R"({"command":"start:"})"), 202);
-    EXPECT_TRUE(eventually([&] { return state() == "running"; }, kTimeout));
-
-    // The delete type is the service's answer to the daemon's question, set before the command.
-    ASSERT_EQ(command(R"({"command":"delete_logs","deleteType":2})"), 202);
-    EXPECT_TRUE(eventuallyTraced("getDeleteLogsParam", "2"));
-    EXPECT_EQ(json_integer_value(
-                  json_object_get(json_object_get(status().get(), "device"), "delete-logs-param")),
-              2);
-
-    ASSERT_EQ(post("/api/bugreport", "{}"), 202);
-    EXPECT_TRUE(eventually(
-        [&] {
-            Json now = status();
-            json_t* reported =
-                json_object_get(json_object_get(now.get(), "reports"), "updateTwBugreportStatus");
-            return json_integer_value(json_array_get(reported, 0)) == 1 &&
-                   text(json_object_get(now.get(), "bugreportProperty")) == "false";
-        },
-        kTimeout));
-    EXPECT_EQ(daemon_.read("/sdcard/Tellwick/TwBugreport-console.zip"), "zip bytes");
-
-    ASSERT_EQ(command(R"({"command":"stop:"})"), 202);
-    EXPECT_TRUE(eventually([&] { return state() == "stopped"; }, kTimeout));
-}
-
 // The page's live feed: the recent past at once, then every transaction, the status and the
-// document as they change; a reconnecting page resumes after the last event it saw.
+// document as they change; a reconnecting page resumes after the last event it saw. Then the
+// page's controls reach the daemon.
 TEST_F(ConsoleE2ETest, EventStreamFollowsTheDaemon) {
     struct Stream {
         std::mutex mutex;
@@ -488,6 +458,33 @@ TEST_F(ConsoleE2ETest, EventStreamFollowsTheDaemon) {
     ASSERT_TRUE(eventually([&] { return resumed.has("event: trace"); }, kTimeout));
     const std::string again = resumed.text();
     EXPECT_EQ(again.substr(again.find("id: "), first.size()), first);
+
+    // The controls while it runs: the delete type is the service's answer to the daemon's
+    // question, set before the command; a bug report; stop.
+    std::filesystem::create_directories(daemon_.host("/bugreports"));
+    std::ofstream(daemon_.host("/bugreports/bugreport-console.zip")) << "zip bytes";
+    daemon_.writeBugreportTool("echo 'OK:/bugreports/bugreport-console.zip'");
+
+    ASSERT_EQ(command(R"({"command":"delete_logs","deleteType":2})"), 202);
+    EXPECT_TRUE(eventuallyTraced("getDeleteLogsParam", "2"));
+    EXPECT_EQ(json_integer_value(
+                  json_object_get(json_object_get(status().get(), "device"), "delete-logs-param")),
+              2);
+
+    ASSERT_EQ(post("/api/bugreport", "{}"), 202);
+    EXPECT_TRUE(eventually(
+        [&] {
+            Json now = status();
+            json_t* reported =
+                json_object_get(json_object_get(now.get(), "reports"), "updateTwBugreportStatus");
+            return json_integer_value(json_array_get(reported, 0)) == 1 &&
+                   text(json_object_get(now.get(), "bugreportProperty")) == "false";
+        },
+        kTimeout));
+    EXPECT_EQ(daemon_.read("/sdcard/Tellwick/TwBugreport-console.zip"), "zip bytes");
+
+    ASSERT_EQ(command(R"({"command":"stop:"})"), 202);
+    EXPECT_TRUE(eventually([&] { return state() == "stopped"; }, kTimeout));
 }
 
 #endif

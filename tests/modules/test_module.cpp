@@ -104,8 +104,6 @@ class TestModule : public Module {
 
     int start(moduleConfig settings) override {
         (void)settings;
-        probe_->starts++;
-        vdtest::recordEvent(VDTEST_NAME, "start");
 #ifdef VDTEST_BLOCK_START
         // Hangs as a module stuck in a driver call would; only a signal ends it. The marker
         // file (VDTEST_BLOCK_MARKER) says start() was entered.
@@ -117,16 +115,8 @@ class TestModule : public Module {
         return 0;
     }
     int systemTimeChange() override { return 0; }
-    int prestop() override {
-        probe_->prestops++;
-        vdtest::recordEvent(VDTEST_NAME, "prestop");
-        return 0;
-    }
-    int stop() override {
-        probe_->stops++;
-        vdtest::recordEvent(VDTEST_NAME, "stop");
-        return 0;
-    }
+    int prestop() override { return 0; }
+    int stop() override { return 0; }
 
     const char* getName() override {
 #ifdef VDTEST_NULL_NAME
@@ -145,7 +135,6 @@ class TestModule : public Module {
 
     // An int set to "0" is objected to: (name, "<name> must be positive").
     int configVal(moduleConfig& settings, std::vector<std::string>& errors) override {
-        vdtest::recordEvent(VDTEST_NAME, "configVal");
         for (config& c : settings.configs) {
             if (strcmp(c.type, "int") == 0 && strcmp(c.value, "0") == 0) {
                 errors.push_back(c.name);

@@ -38,8 +38,7 @@
 //
 // Every test module registers a Probe when getModule() is first called. The probe library
 // (libvd_test_probe.so, linked by the modules and by every test) holds the probes and one
-// journal of events across all modules, so tests can check the order of calls between
-// modules: "A:start", "B:prestop", ...
+// journal of init() calls across all modules, so tests can check their order: "A:init", ...
 //
 // Each test copies the libraries it wants into its own device root (installTestModule), so
 // every test gets fresh module objects even though libraries are never closed.
@@ -58,7 +57,7 @@ class Probe {
     explicit Probe(Module* m) : module(m) {}
 
     Module* const module;
-    std::atomic<int> inits{0}, starts{0}, prestops{0}, stops{0};
+    std::atomic<int> inits{0};
 };
 
 // --- in libvd_test_probe.so ---

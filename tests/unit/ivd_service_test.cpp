@@ -296,30 +296,10 @@ TEST_F(IvdServiceTest, LogLinesOfTheLinkAndTheDebugSwitch) {
     EXPECT_NE(Ivd_service::asInterface(binder), nullptr);
     platform.enableDebugLog();
     proxy.sendState(1);
-    binder->nextReply = hex("00000000 02000000");
-    proxy.getState();
-    proxy.bluetoothIsDiscoverable();
-    proxy.bluetoothIsConnected();
-    proxy.setTraceLevel(4);
-    int v;
-    proxy.wanSignalStrength(v);
-    binder->nextReply = hex("00000000 06000000 73007400 61007200 74003a00 00000000");
-    proxy.waitForResponse();
-    binder->nextReply = hex("00000000 00000000 01000000 02000000 61006200 00000000");
-    std::string s;
-    proxy.gateway(s);
     for (const auto& [line, priority] : std::vector<std::pair<const char*, int>>{
              {"Failed to obtain a handle to the default Service Manager", kLogError},
              {"Failed to obtain a handle to the vd_service", kLogError},
-             {"vd_service got an exception -3", kLogDebug},
-             {"Ivd_service transaction enabled: 8", kLogDebug},
-             {"Ivd_service transaction called get state and value is : 2", kLogDebug},
-             {"Ivd_service transaction discoveable: 23", kLogDebug},
-             {"Ivd_service transaction connected: 24", kLogDebug},
-             {"Ivd_service transaction enabled: 20 and 4", kLogDebug},
-             {"vd_service::wanSignalStrength::value == 2", kLogDebug},
-             {"full read: start:", kLogDebug},
-             {"Ivd_service size is 2", kLogDebug}}) {
+             {"vd_service got an exception -3", kLogDebug}}) {
         EXPECT_TRUE(platform.log().contains(line, priority)) << line;
     }
 }
