@@ -352,6 +352,21 @@ TEST_F(CoreTest, EndOfFileMonitorRestartsTheEnabledLogcatModuleOncePerCycle) {
 // Settings changed by a received document (command thread) and a deployed file (file watch)
 // while the run state and the monitor read them: readers see whole values and a module's
 // correction reaches the registry. Under ThreadSanitizer an unlocked writer shows up as a race.
+// A module judges a copy of its settings; what it changed there comes back whole. addConfigInt
+// on an existing setting moves its default too, or a later "reset_to_default" restores the old.
+TEST_F(CoreTest, AJudgedCopyComesBackWithEveryFieldTheModuleChanged) {
+    modulePair& a = add("A");
+    a.settings.configs.push_back(vigild::testing::makeSetting("Level", "list", "1", {"x", "y"}));
+    Module::moduleConfig before = copySettings(a), judged = before;
+    strcpy(judged.configs[1].defaultValue, "0");
+    strcpy(judged.configs[1].value, "0");
+    judged.configs[1].options.push_back("z");
+    storeChangedValues(a, before, judged);
+    EXPECT_STREQ(a.settings.configs[1].defaultValue, "0");
+    EXPECT_STREQ(a.settings.configs[1].value, "0");
+    EXPECT_EQ(a.settings.configs[1].options.size(), 3u);
+}
+
 TEST(SettingsRaceTest, ReceivedAndDeployedChangesNeverTearWhatReadersSee) {
     TestPlatform p;
     struct Judging : FakeModule {
