@@ -85,38 +85,30 @@ void BM_JsonLoadsDumps(benchmark::State& state) {
 }
 BENCHMARK(BM_JsonLoadsDumps)->Apply(sizes);
 
-// The document built afresh, as after any change: the storage root is resolved once by the
-// operation (every caller in the daemon does so before taking the lock) and passed down.
-void BM_GetConfig(benchmark::State& state) {
+// One build under the lock with the storage root resolved once by the operation, as every
+// caller in the daemon does before taking the lock.
+template <char* (*Build)(const std::string&)>
+void buildUnderLock(benchmark::State& state) {
     useRegistry(static_cast<int>(state.range(0)));
     const std::string root = storageRootForDocument();
     for (auto _ : state) {
         char* text = nullptr;
         {
             vigild::Lock lock(configMutex);
-            text = buildConfigUncached(root);
+            text = Build(root);
         }
         benchmark::DoNotOptimize(text);
         free(text);
     }
 }
+
+// The document built afresh, as after any change.
+void BM_GetConfig(benchmark::State& state) { buildUnderLock<buildConfigUncached>(state); }
 BENCHMARK(BM_GetConfig)->Apply(sizes);
 
 // getConfig(root) with the settings unchanged since the last build: the path checks, the
 // comparison with the kept inputs and a copy of the kept text.
-void BM_GetConfigKept(benchmark::State& state) {
-    useRegistry(static_cast<int>(state.range(0)));
-    const std::string root = storageRootForDocument();
-    for (auto _ : state) {
-        char* text = nullptr;
-        {
-            vigild::Lock lock(configMutex);
-            text = getConfig(root);
-        }
-        benchmark::DoNotOptimize(text);
-        free(text);
-    }
-}
+void BM_GetConfigKept(benchmark::State& state) { buildUnderLock<getConfig>(state); }
 BENCHMARK(BM_GetConfigKept)->Apply(sizes);
 
 // The whole call as a tool makes it: the storage root resolved, then the kept text.
