@@ -61,6 +61,7 @@ extern char** environ;
 namespace {
 
 using vdstandin::DeviceAnswers;
+using vdstandin::kDaemonCommands;
 using vdstandin::StandinService;
 using vdstandin::TraceEvent;
 using Clock = std::chrono::steady_clock;
@@ -81,12 +82,6 @@ constexpr const char* kControlName = "/dev/vd-standin.ctl";
 constexpr size_t kWatchBacklog = 10000;
 // How often a waiting request looks at its client and at a stopping server.
 constexpr milliseconds kSlice{100};
-
-// The daemon's commands, for "send" help and completion.
-constexpr const char* kDaemonCommands[] = {
-    "start:",        "stop:",          "config_get:",  "config_set:",   "fresh_connect",
-    "recovery_copy", "refresh_config", "refresh_time", "refresh_state", "reset_to_default",
-    "delete_logs"};
 
 std::string controlPath(const std::string& root) { return root + kControlName; }
 

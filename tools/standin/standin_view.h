@@ -15,6 +15,12 @@
 
 namespace vdstandin {
 
+// The commands the daemon takes from waitForResponse.
+inline constexpr const char* kDaemonCommands[] = {
+    "start:",        "stop:",          "config_get:",  "config_set:",   "fresh_connect",
+    "recovery_copy", "refresh_config", "refresh_time", "refresh_state", "reset_to_default",
+    "delete_logs"};
+
 // "stopped", "running", "transition", or "unknown" for any other value.
 const char* stateName(int state);
 // A state name or a decimal number.

@@ -40,12 +40,6 @@ constexpr const char* kBugreportProperty = "persist.sys.vd.tw_bugreport";
 constexpr const char* kNormalFolder = "Tellwick/";
 constexpr const char* kSecureFolder = "Android/data/com.tandril.tellwick/Tellwick/secure/log_data/";
 
-// The commands a button may send; "config_set:" goes through POST /api/config only.
-constexpr const char* kCommands[] = {
-    "start:",         "stop:",        "config_get:",      "fresh_connect", "refresh_state",
-    "refresh_config", "refresh_time", "reset_to_default", "delete_logs",   "recovery_copy",
-};
-
 struct JsonRef {
     json_t* value = nullptr;
     explicit JsonRef(json_t* v = nullptr) : value(v) {}
@@ -518,9 +512,10 @@ void Console::Impl::routes() {
             refuse(res, 400, "expected {\"command\": \"start:\"}");
             return;
         }
-        auto known = std::find_if(std::begin(kCommands), std::end(kCommands),
+        // "config_set:" goes through POST /api/config only, with its document.
+        auto known = std::find_if(std::begin(kDaemonCommands), std::end(kDaemonCommands),
                                   [command](const char* c) { return strcmp(c, command) == 0; });
-        if (known == std::end(kCommands)) {
+        if (known == std::end(kDaemonCommands) || strcmp(command, "config_set:") == 0) {
             refuse(res, 400, std::string("not a console command: ") + command);
             return;
         }
