@@ -6,6 +6,10 @@
 //       exec to the "stopped" report, and to the first request for a command
 //   vd_bench_daemon idle <vigild> <root> <seconds>
 //       the idle daemon sampled from /proc at the start and the end of the window
+//   vd_bench_daemon soak <vigild> <root> <commands>
+//       a long mixed stream of commands with deployed-file rewrites in between, time scaled
+//       down: every command must be taken in order and answered, and the descriptors sampled
+//       while the daemon waits must stay flat (exit status 1 otherwise)
 // Results are one JSON object per line on stdout.
 #include <dirent.h>
 #include <fcntl.h>
@@ -57,8 +61,10 @@ bool eventually(const std::function<bool()>& condition) {
     return false;
 }
 
-pid_t launchDaemon(const std::string& binary, const std::string& root) {
-    std::vector<std::string> env = {"VIGILD_ROOT=" + root, "VIGILD_TIME_SCALE=1"};
+pid_t launchDaemon(const std::string& binary, const std::string& root,
+                   const char* timeScale = "1") {
+    std::vector<std::string> env = {"VIGILD_ROOT=" + root,
+                                    std::string("VIGILD_TIME_SCALE=") + timeScale};
     for (char** e = environ; *e != nullptr; e++) {
         if (strncmp(*e, "VIGILD_", 7) != 0) env.emplace_back(*e);
     }
@@ -578,6 +584,100 @@ int idle(const std::string& vigild, const std::string& root, int seconds) {
     return 0;
 }
 
+
+// The commands taken, each followed by "=" once a question was answered: a "refresh_state" by
+// a state report after the daemon asked for the service's state, a "config_get:" by a document.
+std::vector<std::string> answers(const std::vector<vdstandin::Record>& records) {
+    std::vector<std::string> out;
+    bool asked = false;
+    for (const vdstandin::Record& r : records) {
+        if (r.method == "waitForResponse") out.push_back(r.strings.empty() ? "" : r.strings[0]);
+        asked = (asked || r.method == "getState") && r.method != "waitForResponse";
+        if (out.empty()) continue;
+        if (asked && r.method == "sendState" && out.back() == "refresh_state") out.back() += "=";
+        if (r.method == "sendConfig" && out.back() == "config_get:") out.back() += "=";
+    }
+    return out;
+}
+
+int openDescriptors(pid_t pid) {
+    int n = 0;
+    if (DIR* d = opendir(("/proc/" + std::to_string(pid) + "/fd").c_str())) {
+        while (const dirent* e = readdir(d)) n += e->d_name[0] != '.';
+        closedir(d);
+    }
+    return n;
+}
+
+int soak(const std::string& vigild, const std::string& root, long commands) {
+    vdstandin::StandinService service(root);
+    // A state the daemon never has: every "refresh_state" must push a report.
+    service.updateAnswers([](vdstandin::DeviceAnswers& a) { a.stateOverride = 7; });
+    if (!service.start()) return 1;
+    pid_t daemon = launchDaemon(vigild, root, "0.01");
+    auto fail = [&](const std::string& why) {
+        fprintf(stderr, "soak: %s\n", why.c_str());
+        killDaemon(daemon);
+        return 1;
+    };
+    service.queueCommand("config_get:");
+    if (daemon < 0 || !eventually([&] { return !service.configs().empty(); })) {
+        return fail("no document from the daemon");
+    }
+    // Two documents that differ in the daemon's own notification switch.
+    const std::string on = R"("Enable notifications", "type": "boolean", "value": "true")";
+    std::string documents[2] = {service.configs().back(), service.configs().back()};
+    const size_t at = documents[0].find(on);
+    if (at == std::string::npos) return fail("no notification switch in the document");
+    documents[0].replace(at + on.size() - 5, 4, "false");
+    const char* const rotation[] = {
+        "config_get:", "refresh_state", "refresh_time",   "fresh_connect", "config_set:",
+        "Start:",      "config_get:",   "refresh_config", "refresh_state", "config_get:"};
+    const std::string deployed = root + "/sdcard/Tellwick/config.json";
+    const long batches = std::max(1L, commands / 50);
+    int baseline = 0, fds = 0, most = 0;
+    size_t sets = 0;
+    auto start = Clock::now();
+    for (long b = 0; b < batches; b++) {
+        if (!eventually([&] { return service.waitingForCommand() > 0; })) {
+            return fail("the daemon stopped asking at batch " + std::to_string(b));
+        }
+        // Sampled while the daemon waits; the first batches, a start/stop cycle, set the
+        // baseline; 4 over it allows the logcat module's pipe and an open file.
+        fds = openDescriptors(daemon);
+        most = std::max(most, fds);
+        if (b < 8) baseline = std::max(baseline, fds);
+        if (fds > baseline + 4) return fail("descriptors grew to " + std::to_string(fds));
+        service.clearRecords();
+        std::vector<std::string> expected;
+        for (size_t i = 0; i < 50; i++) {
+            std::string command = i == 49 ? "refresh_state" : rotation[i % 10];
+            if (i == 0 && b % 2 == 1) command = b % 4 == 1 ? "start:" : "stop:";
+            if (command == "config_set:") service.queueConfig(documents[sets++ % 2]);
+            service.queueCommand(command);
+            const bool question = command == "refresh_state" || command == "config_get:";
+            expected.push_back(question ? command + "=" : command);
+        }
+        service.waitUntil([&](const auto& rs) { return answers(rs) == expected; }, kTimeout);
+        if (answers(service.records()) != expected) {
+            return fail("batch " + std::to_string(b) + " not taken and answered in order");
+        }
+        if (b % 3 == 2) {
+            unlink(deployed.c_str());
+        } else {
+            std::ofstream(deployed) << documents[b % 2];
+        }
+    }
+    const double seconds = secondsSince(start);
+    sample(daemon, "end");
+    printf("{\"commands\": %ld, \"seconds\": %.1f, \"fds_baseline\": %d, \"fds_max\": %d, "
+           "\"fds_last\": %d}\n",
+           batches * 50, seconds, baseline, most, fds);
+    killDaemon(daemon);
+    service.stop();
+    return 0;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -587,9 +687,10 @@ int main(int argc, char** argv) {
         return roundTrip(argv[2], argv[3], argv[4], atoi(argv[5]));
     if (mode == "startup" && argc == 5) return startup(argv[2], argv[3], atoi(argv[4]));
     if (mode == "idle" && argc == 5) return idle(argv[2], argv[3], atoi(argv[4]));
+    if (mode == "soak" && argc == 5) return soak(argv[2], argv[3], atol(argv[4]));
     fprintf(stderr,
             "usage: %s roundtrip <vigild> <root> <command> <rounds> | startup <vigild> <root> "
-            "<runs> | idle <vigild> <root> <seconds>\n",
+            "<runs> | idle <vigild> <root> <seconds> | soak <vigild> <root> <commands>\n",
             argv[0]);
     return 2;
 }

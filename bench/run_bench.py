@@ -345,6 +345,30 @@ def daemon_runs(args, table, results):
     table.add(label + ": wake-ups", f"{wakeups} ({wakeups / window:.2f}/s)", "-", "-", "-", "-",
               f"{calls} service transactions")
 
+    # The soak: a long mixed command stream with the logcat module; the driver fails on a lost
+    # answer or growing descriptors.
+    root = device_root(args)
+    try:
+        for name in os.listdir(os.path.join(root, "system", "lib64")):
+            os.remove(os.path.join(root, "system", "lib64", name))
+        shutil.copy(os.path.join(args.build, "modules", "logcat", "lib_vd_logcat.so"),
+                    os.path.join(root, "system", "lib64"))
+        props = os.path.join(root, "dev", "__properties__")
+        os.makedirs(props)
+        with open(os.path.join(props, "persist.sys.vd.storage_path"), "w") as f:
+            f.write("/sdcard/")
+        lines = [json.loads(l) for l in run([driver, "soak", vigild, root,
+                                             str(args.soak_commands)]).splitlines() if l.strip()]
+    finally:
+        shutil.rmtree(root, ignore_errors=True)
+    results["soak"] = lines
+    end = next(l for l in lines if l.get("sample") == "end")
+    s = next(l for l in lines if "commands" in l)
+    table.add(f"soak, {s['commands']} commands: descriptors", f"{s['fds_baseline']} -> "
+              f"{s['fds_max']} max", "-", "-", "no growth", verdict(True),
+              f"every command answered in order; {s['commands'] / s['seconds']:.0f} commands/s "
+              f"at time scale 0.01; RSS {end['rss_kb'] / 1024:.2f} MiB at the end")
+
 
 def main():
     p = argparse.ArgumentParser(description=__doc__)
@@ -360,6 +384,7 @@ def main():
     p.add_argument("--rounds", type=int, default=200)
     p.add_argument("--startups", type=int, default=15)
     p.add_argument("--idle-seconds", type=int, default=60)
+    p.add_argument("--soak-commands", type=int, default=10000)
     p.add_argument("--repetitions", type=int, default=5)
     p.add_argument("--min-time", type=float, default=0.2)
     p.add_argument("--big-files", type=int, default=1000000,
@@ -376,6 +401,7 @@ def main():
         args.files, args.folders, args.delete_runs = 2000, 20, 1
         args.copy_mib, args.copy_runs = 16, 1
         args.rounds, args.startups, args.idle_seconds = 5, 2, 2
+        args.soak_commands = 500
         args.big_files = 20000
     args.bench = os.path.join(args.build, "bench")
     if args.tree_dir is None:
