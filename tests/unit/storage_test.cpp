@@ -524,14 +524,11 @@ TEST_F(FileTest, MkdirAllAndRemoveAll) {
     EXPECT_TRUE(fs::is_directory(p.hostPath("/sdcard/Tellwick/a/b")));
     EXPECT_TRUE(fs::is_directory(p.hostPath("/mnt/card/Tellwick")));
     link(p.hostPath("/outside"), "/sdcard/Tellwick/linked");
-    const std::string tooLong = "/sdcard/" + std::string(4096 - 8, 'a');
-    // One component over 255 bytes fails as the whole path does.
-    // clang-format off
+    // A path over the limit, a way out of the root, a link on the way.
     for (const auto& [path, error] : std::initializer_list<std::pair<std::string, int>>{
-             {tooLong, ENAMETOOLONG}, {tooLong.substr(0, 4095), ENAMETOOLONG}, {"/sdcard/fifo/sub", ENOTDIR},
-             {"/sdcard/../escape", EINVAL}, {"", ENOENT}, {"/sdcard/Tellwick/linked/logs/", ELOOP},
-             {"/sdcard/Tellwick/linked", ELOOP}}) {
-        // clang-format on
+             {"/sdcard/" + std::string(4096 - 8, 'a'), ENAMETOOLONG},
+             {"/sdcard/../escape", EINVAL},
+             {"/sdcard/Tellwick/linked/logs/", ELOOP}}) {
         errno = 0;
         EXPECT_EQ(mkdir_all(path.c_str()), -1) << path.substr(0, 40);
         EXPECT_EQ(errno, error) << path.substr(0, 40);
@@ -707,23 +704,6 @@ TEST_F(BugreportTest, WithoutTheServiceTheRequestStays) {
     EXPECT_TRUE(p.exists("/bugreports/bugreport-dev-2020.zip"));
     EXPECT_FALSE(hasChildren());
     EXPECT_FALSE(p.log().contains("bugreportz exited with status: status == 0"));
-}
-
-TEST(CopyRecoveryLogsTest, StartsAnEnabledRecoveryModuleOnlyWhileRunning) {
-    TestPlatform p;
-    vigild::testing::FakeModule recovery{"RecoveryModule"}, other{"recoveryModule"};
-    vigild::testing::registerModule(other);
-    vigild::testing::registerModule(recovery);
-    // run state, "Enable Module", starts so far
-    for (const auto& [state, enable, starts] :
-         std::initializer_list<std::tuple<int, const char*, int>>{
-             {0, "true", 0}, {2, "true", 0}, {1, "false", 0}, {1, "true", 1}, {1, "true", 2}}) {
-        runState = state;
-        strcpy(moduleRegistry[1].settings.configs[0].value, enable);
-        copyRecoveryLogs();
-        EXPECT_EQ(recovery.starts, starts) << state << enable;
-    }
-    EXPECT_EQ(recovery.prestops + recovery.stops + other.starts, 0);
 }
 
 }  // namespace
