@@ -4,7 +4,6 @@
 #include <unistd.h>
 
 #include <cstdlib>
-#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <future>
@@ -15,44 +14,6 @@
 #include "platform/platform.h"
 
 namespace vigild::testing {
-
-int MemoryProperties::get(const char* key, char* value, const char* defaultValue) {
-    std::lock_guard<std::mutex> lock(mutex_);
-    auto it = values_.find(key);
-    const char* src =
-        (it == values_.end() || it->second.empty()) ? defaultValue : it->second.c_str();
-    if (src == nullptr) src = "";
-    size_t n = strnlen(src, platform::kPropValueMax - 1);
-    memcpy(value, src, n);
-    value[n] = '\0';
-    return static_cast<int>(n);
-}
-
-int MemoryProperties::set(const char* key, const char* value) {
-    if (key == nullptr || value == nullptr) return -1;
-    if (strlen(value) > platform::kPropValueMax - 1 && strncmp(key, "ro.", 3) != 0) return -1;
-    std::lock_guard<std::mutex> lock(mutex_);
-    values_[key] = value;
-    writes_.emplace_back(key, value);
-    return 0;
-}
-
-std::optional<std::string> MemoryProperties::value(const std::string& key) const {
-    std::lock_guard<std::mutex> lock(mutex_);
-    auto it = values_.find(key);
-    if (it == values_.end()) return std::nullopt;
-    return it->second;
-}
-
-void MemoryProperties::erase(const std::string& key) {
-    std::lock_guard<std::mutex> lock(mutex_);
-    values_.erase(key);
-}
-
-std::vector<std::pair<std::string, std::string>> MemoryProperties::writes() const {
-    std::lock_guard<std::mutex> lock(mutex_);
-    return writes_;
-}
 
 void RecordingLog::write(int priority, const char*, const char* text) {
     std::lock_guard<std::mutex> lock(mutex_);
@@ -209,7 +170,11 @@ platform::ServiceManager* testServiceManager() {
 }  // namespace
 
 TestPlatform::TestPlatform()
-    : root_(makeTempRoot()), deviceRoot_(root_), loader_(&deviceRoot_), services_(&deviceRoot_) {
+    : root_(makeTempRoot()),
+      deviceRoot_(root_),
+      properties_(&deviceRoot_),
+      loader_(&deviceRoot_),
+      services_(&deviceRoot_) {
     processes_ = std::make_unique<RecordingProcesses>(&deviceRoot_, &properties_);
     platform::Platform p;
     p.properties = &properties_;
@@ -244,8 +209,10 @@ void TestPlatform::setProperty(const std::string& key, const std::string& value)
     properties_.set(key.c_str(), value.c_str());
 }
 
-std::string TestPlatform::property(const std::string& key, const std::string& fallback) const {
-    return properties_.value(key).value_or(fallback);
+std::string TestPlatform::property(const std::string& key, const std::string& fallback) {
+    char value[platform::kPropValueMax];
+    properties_.get(key.c_str(), value, fallback.c_str());
+    return value;
 }
 
 void TestPlatform::enableDebugLog() {

@@ -1,6 +1,6 @@
-// The test backend: in-memory properties, a temporary folder as device root, a log that
-// tests read back and a virtual clock whose sleeps return at once. Child processes, dynamic
-// loading and the service transport are the host ones, working inside the temporary root.
+// The test backend: a temporary folder as device root, a log that tests read back and a
+// virtual clock whose sleeps return at once. Properties, child processes, dynamic loading and
+// the service transport are the host ones, working inside the temporary root.
 //
 // Constructing a TestPlatform installs it and resets the daemon's process-wide state
 // (reset_state.h); destroying it removes the temporary root.
@@ -11,10 +11,8 @@
 #include <chrono>
 #include <deque>
 #include <functional>
-#include <map>
 #include <memory>
 #include <mutex>
-#include <optional>
 #include <string>
 #include <vector>
 
@@ -23,22 +21,6 @@
 #include "platform/platform.h"
 
 namespace vigild::testing {
-
-class MemoryProperties : public platform::Properties {
-  public:
-    int get(const char* key, char* value, const char* defaultValue) override;
-    int set(const char* key, const char* value) override;
-    // The stored value, or nullopt when unset.
-    std::optional<std::string> value(const std::string& key) const;
-    void erase(const std::string& key);
-    // Every successful set, in order (key, value).
-    std::vector<std::pair<std::string, std::string>> writes() const;
-
-  private:
-    mutable std::mutex mutex_;
-    std::map<std::string, std::string> values_;
-    std::vector<std::pair<std::string, std::string>> writes_;
-};
 
 struct LogLine {
     int priority;
@@ -138,15 +120,15 @@ class TestPlatform {
     const std::string& root() const { return root_; }
     std::string hostPath(const std::string& devicePath) const;
 
-    MemoryProperties& properties() { return properties_; }
     RecordingLog& log() { return log_; }
     VirtualClock& clock() { return clock_; }
     RecordingProcesses& processes() { return *processes_; }
     FaultyFiles& files() { return files_; }
 
+    // An empty value reads as unset.
     void setProperty(const std::string& key, const std::string& value);
-    // The value, or `fallback` when unset.
-    std::string property(const std::string& key, const std::string& fallback = "") const;
+    // The value, or `fallback` when unset or empty.
+    std::string property(const std::string& key, const std::string& fallback = "");
     // Turns debug-level lines on (sets the property and re-reads the switch).
     void enableDebugLog();
 
@@ -159,7 +141,7 @@ class TestPlatform {
   private:
     std::string root_;
     platform::host::HostRoot deviceRoot_;
-    MemoryProperties properties_;
+    platform::host::FileProperties properties_;
     RecordingLog log_;
     VirtualClock clock_;
     std::unique_ptr<RecordingProcesses> processes_;

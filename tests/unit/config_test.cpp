@@ -265,7 +265,7 @@ TEST_F(ConfigTest, ReceivedValuesAreCopiedByPositionAndJudgedByTheModules) {
 // An accepted document is applied, saved and sent back; a refused one resets every setting and
 // is then applied as far as it fits.
 TEST_F(ConfigTest, AcceptedAndRefusedDocuments) {
-    p_.properties().erase("persist.sys.vd.storage_path");
+    p_.setProperty("persist.sys.vd.storage_path", "");
     setConfig(doc({value("ANRModule", 1, "42")}).c_str());
     EXPECT_EQ(p_.property("persist.sys.vd.storage_path"), "/sdcard/");
     const std::string saved = p_.readFile(kFile);

@@ -70,8 +70,7 @@ TEST(QuickTapTest, PropertiesPickTheCombinationAndThePresetIsCopied) {
     // clang-format on
     for (const auto& c : cases) {
         SCOPED_TRACE(c.value ? c.value : "(unset)");
-        p.properties().erase("persist.sys.vd.quick_tap_module_time");
-        if (c.value) p.setProperty("persist.sys.vd.quick_tap_module_time", c.value);
+        p.setProperty("persist.sys.vd.quick_tap_module_time", c.value ? c.value : "");
         p.log().clear();
         EXPECT_EQ(getQuickTapModFromProp(), c.number);
         EXPECT_EQ(getQuickTapTimerFromProp(), c.timer);
