@@ -10,6 +10,7 @@
 #include <cerrno>
 #include <chrono>
 #include <deque>
+#include <filesystem>
 #include <functional>
 #include <memory>
 #include <mutex>
@@ -165,5 +166,30 @@ class AtSyncPoint {
   private:
     static void handle(const char* name);
 };
+
+#ifdef VIGILD_TEST_MODULE_DIR
+// Copies test module `file` (tests/modules, as built in VIGILD_TEST_MODULE_DIR) into
+// <hostRoot>/system/lib64/ under `as` (default: the same name). False when it fails.
+inline bool installTestModule(const std::string& hostRoot, const std::string& file,
+                              const std::string& as = "") {
+    namespace stdfs = std::filesystem;
+    std::error_code ec;
+    stdfs::path folder = stdfs::path(hostRoot) / "system/lib64";
+    stdfs::create_directories(folder, ec);
+    // A relative folder is beside the test binary: where a device test's data libraries land.
+    stdfs::path from(VIGILD_TEST_MODULE_DIR);
+    if (from.is_relative()) from = stdfs::read_symlink("/proc/self/exe", ec).parent_path() / from;
+    stdfs::copy_file(from / file, folder / (as.empty() ? file : as),
+                     stdfs::copy_options::overwrite_existing, ec);
+    return !ec;
+}
+
+inline bool installTestModules(const std::string& hostRoot, const std::vector<std::string>& files) {
+    for (const std::string& f : files) {
+        if (!installTestModule(hostRoot, f)) return false;
+    }
+    return true;
+}
+#endif
 
 }  // namespace vigild::testing

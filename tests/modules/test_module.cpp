@@ -1,13 +1,50 @@
-// One source for every test module library; test_module_probe.h lists the knobs.
+// One source for every test module library; its knobs are compile definitions (see
+// CMakeLists.txt):
+//
+//   VDTEST_NAME        getName()                      (VDTEST_NULL_NAME: returns null)
+//   VDTEST_VERSION     getVersion()                   (VDTEST_NULL_VERSION: returns null)
+//   VDTEST_SHOULD_LOAD shouldLoad() result, 0 = load
+//   VDTEST_SETTINGS    what init() adds: 0 nothing, 1 every type, 2 the LTS setting, 3 the
+//                      checker's sound layout, with one fault per VDBROKEN_* switch
+//   VDTEST_NO_ENTRY    no "getModule" is exported
+//   VDTEST_BLOCK_START start() never returns (lib_vd_blockstart.so, in faults/)
+//
+// The libraries, by file name (name, version):
+//
+//   lib_vd_alpha.so        "B", "14.0.0.1"
+//   lib_vd_beta.so         "A", "14.0.3.1"
+//   lib_vd_zzz.so          "ZZZ", "14.0.0.2"
+//   lib_vd_new.so          "New", "14.0.99.7"
+//   lib_vd_old.so          "Old", "14.0" (refused)
+//   lib_vd_wrong.so        "Wrong", "114.0.1" (refused)
+//   lib_vd_skip.so         "Skip", shouldLoad() 1
+//   lib_vd_noentry.so      no getModule
+//   lib_vd_nullname.so     getName() null
+//   lib_vd_nullversion.so  getVersion() null
+//   lib_vd_lts.so       "LTSModule": int "LTS Days" = "7"
+//   lib_vd_settings.so  "SettingsModule" with every type (VDTEST_SETTINGS 1):
+//                         int "Buffer Size (KB)" = "256"
+//                         boolean "Verbose" = "false"
+//                         list "Level" = "0", options "low", "medium", "high"
+//                         string "Log Path" = "/sdcard/Tellwick/settings/"
+//   libvd_x.so, lib_VD_x.so  valid modules named "Ignored" whose names the loader must skip
+//
+// configVal() of every test module objects to an int set to "0" with the pair (setting name,
+// "<name> must be positive"). init() appends the module's name and a newline to the file
+// VDTEST_INIT_LOG names, when set, so a test sees which modules were initialised and in what
+// order. Each test copies the libraries it wants into its own device root
+// (installTestModule), so every test gets fresh module objects though libraries are never
+// closed.
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <string>
 #include <vector>
 
-#include "test_module_probe.h"
+#include "vigild/module.h"
 
 #ifndef VDTEST_NAME
 #define VDTEST_NAME "TestModule"
@@ -20,14 +57,6 @@
 #endif
 #ifndef VDTEST_SETTINGS
 #define VDTEST_SETTINGS 0
-#endif
-
-#ifdef VDTEST_ALONE
-// Loaded where the probe library is not: the probe stays inside the module.
-namespace vdtest {
-Probe* registerProbe(Module* m) { return new Probe(m); }
-void recordEvent(const char*, const char*) {}
-}  // namespace vdtest
 #endif
 
 namespace {
@@ -44,13 +73,15 @@ namespace {
 
 class TestModule : public Module {
   public:
-    TestModule() : probe_(vdtest::registerProbe(this)) {}
-
     int shouldLoad() override { return VDTEST_SHOULD_LOAD; }
 
     int init(moduleConfig& settings) override {
-        probe_->inits++;
-        vdtest::recordEvent(VDTEST_NAME, "init");
+        if (const char* log = getenv("VDTEST_INIT_LOG")) {
+            if (FILE* f = fopen(log, "a")) {
+                fputs(VDTEST_NAME "\n", f);
+                fclose(f);
+            }
+        }
 #if VDTEST_SETTINGS == 1
         addConfigInt(settings, "Buffer Size (KB)", const_cast<char*>("256"));
         addConfigBoolean(settings, "Verbose", const_cast<char*>("false"));
@@ -148,9 +179,6 @@ class TestModule : public Module {
         return 0;
     }
     int logcatEOFStatus() override { return 0; }
-
-  private:
-    vdtest::Probe* probe_;
 };
 
 }  // namespace

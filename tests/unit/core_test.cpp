@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <atomic>
 #include <chrono>
+#include <cstdlib>
 #include <cstring>
 #include <filesystem>
 #include <functional>
@@ -30,12 +31,13 @@
 #include "fakes/test_platform.h"
 #include "service/ivd_service.h"
 #include "standin/standin_service.h"
-#include "test_module_probe.h"
 
 namespace {
 
 using namespace std::chrono_literals;
 using vigild::testing::FakeModule;
+using vigild::testing::installTestModule;
+using vigild::testing::installTestModules;
 using vigild::testing::TestPlatform;
 using Events = std::vector<std::string>;
 using Sleeps = std::vector<std::chrono::milliseconds>;
@@ -422,24 +424,24 @@ std::vector<std::string> registryNames() {
 
 TEST(ModuleLoaderTest, LoadsOnlyRightLibrariesSortedBetweenTheBuiltIns) {
     TestPlatform p;
-    vdtest::clearEvents();
-    ASSERT_TRUE(vdtest::installTestModules(
+    setenv("VDTEST_INIT_LOG", p.hostPath("/inits").c_str(), 1);
+    ASSERT_TRUE(installTestModules(
         p.root(),
         {"lib_vd_zzz.so", "lib_vd_alpha.so", "lib_vd_beta.so", "lib_vd_new.so", "lib_vd_old.so",
          "lib_vd_wrong.so", "lib_vd_skip.so", "lib_vd_noentry.so", "lib_vd_nullname.so",
          "lib_vd_nullversion.so", "lib_vd_lts.so", "libvd_x.so", "lib_VD_x.so"}));
     p.writeFile("/system/lib64/lib_vd_garbage.so", "This is not a shared library.\n");
     // Nothing behind the prefix, or no library suffix: tried like any other.
-    ASSERT_TRUE(vdtest::installTestModule(p.root(), "lib_vd_alpha.so", "lib_vd_"));
-    ASSERT_TRUE(vdtest::installTestModule(p.root(), "lib_vd_new.so", "lib_vd_new.txt"));
+    ASSERT_TRUE(installTestModule(p.root(), "lib_vd_alpha.so", "lib_vd_"));
+    ASSERT_TRUE(installTestModule(p.root(), "lib_vd_new.so", "lib_vd_new.txt"));
     p.enableDebugLog();
 
     EXPECT_EQ(buildModuleRegistry(), 0);
+    unsetenv("VDTEST_INIT_LOG");
     EXPECT_EQ(registryNames(), (Events{"Tellwick Settings", "A", "B", "B", "LTSModule", "New",
                                        "New", "ZZZ", "QuickTapModule"}));
     // init once each, in registry order; a refused module is never initialised.
-    EXPECT_EQ(vdtest::eventNames("init").front(), "A:init");
-    EXPECT_EQ(vdtest::eventNames("init").size(), 7u);
+    EXPECT_EQ(p.readFile("/inits"), "A\nB\nB\nLTSModule\nNew\nNew\nZZZ\n");
     // The "LTSModule" settings are handed to every module, the built-ins too.
     for (const modulePair& entry : moduleRegistry) {
         EXPECT_EQ(entry.module->ltsSettings, &moduleRegistry[4].settings);
@@ -460,7 +462,6 @@ TEST(ModuleLoaderTest, LoadsOnlyRightLibrariesSortedBetweenTheBuiltIns) {
     EXPECT_TRUE(log.contains(
         "Module: Skip is present but not loaded based off of the module determination", kLogInfo));
     EXPECT_TRUE(log.contains("name is lib_vd_garbage.so", kLogError));
-    EXPECT_EQ(vdtest::probeNamed("Skip")->inits.load(), 0);
     EXPECT_FALSE(log.contains("vd so file found: libvd_x.so") ||
                  log.contains("vd so file found: lib_VD_x.so"));
     // Only dlopen failures stop before "post open".

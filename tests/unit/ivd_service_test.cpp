@@ -24,7 +24,6 @@
 #include "service/protocol.h"
 #include "standin/standin_service.h"
 #include "standin/standin_view.h"
-#include "test_module_probe.h"
 
 namespace {
 
@@ -424,7 +423,8 @@ TEST_F(StandinTest, StopServeAgainAndBadRequests) {
 // What the daemon tells the service about itself: every version, then the document, then the
 // state by its word; an unknown state reports nothing, and no service skips to the state step.
 TEST_F(StandinTest, DeviceReportSendsVersionsThenDocumentThenState) {
-    ASSERT_TRUE(vdtest::installTestModules(platform.root(), {"lib_vd_alpha.so", "lib_vd_beta.so"}));
+    ASSERT_TRUE(vigild::testing::installTestModules(platform.root(),
+                                                    {"lib_vd_alpha.so", "lib_vd_beta.so"}));
     platform.setProperty("persist.sys.vd.storage_path", "/sdcard/");
     platform.makeDir("/sdcard/Tellwick/");
     ASSERT_EQ(buildModuleRegistry(), 0);
