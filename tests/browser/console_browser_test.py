@@ -1,25 +1,21 @@
 #!/usr/bin/env python3
-# The vd-standin browser console in headless Chromium, against the real stand-in and daemon.
+# The vd-standin browser console in headless Chromium, run by ConsoleE2ETest.PageInABrowser
+# (tests/e2e/standin_e2e_test.cpp) with the address of a console that serves a fresh daemon
+# with the settings test module:
 #
-#     console_browser_test.py --build BUILD_DIR --modules TEST_MODULE_DIR [--screenshot PNG]
+#     console_browser_test.py --url http://127.0.0.1:PORT/
 #
-# One device root with the settings test module, one vd-standin serving it with
-# "--http 127.0.0.1:0", one vigild, one browser. The scenarios go through the page as a person
-# would: change a boolean and a list in the form and apply, then apply a value the module
-# objects to. Every wait polls with a bound. Exit status 77 (skipped) when Chromium, its driver
-# or Selenium is missing.
+# The scenarios go through the page as a person would: change a boolean and a list in the form
+# and apply, then apply a value the module objects to and one the daemon corrects. Every wait
+# polls with a bound. Exit status 77 (skipped) when Chromium, its driver or Selenium is missing.
+# VIGILD_CONSOLE_SCREENSHOT=PNG saves the page at the end (docs/console.png).
 
 import argparse
 import json
 import os
-import re
-import select
 import shutil
-import signal
-import subprocess
 import sys
 import tempfile
-import time
 import unittest
 import urllib.request
 
@@ -32,111 +28,44 @@ MODULE = "SettingsModule"
 
 try:
     from selenium import webdriver
-    from selenium.common.exceptions import TimeoutException
     from selenium.webdriver.chrome.service import Service
     from selenium.webdriver.common.by import By
     from selenium.webdriver.support.ui import Select, WebDriverWait
 except ImportError:
     webdriver = None
 
-ARGS = None
-ENV = {}
-
-
-def wait_for(what, predicate):
-    deadline = time.monotonic() + TIMEOUT
-    while not predicate():
-        if time.monotonic() > deadline:
-            raise AssertionError(f"timed out: {what}")
-        time.sleep(0.05)
+URL = None
 
 
 def api(path):
-    with urllib.request.urlopen(ENV["url"] + path.lstrip("/"), timeout=10) as reply:
+    with urllib.request.urlopen(URL + path.lstrip("/"), timeout=10) as reply:
         return json.load(reply)
 
 
-def setting(document, module, name):
-    for entry in (document or {}).get(module, {}).get("settings", []):
-        if entry.get("name") == name:
-            return entry.get("value")
-    return None
-
-
-def start_processes():
-    root = tempfile.mkdtemp(prefix="/tmp/vdb.")  # short: the service socket lives in it
-    ENV["root"] = root
-    for folder in ("sdcard", "system/lib64", "dev/__properties__"):
-        os.makedirs(os.path.join(root, folder))
-    with open(os.path.join(root, "dev/__properties__/persist.sys.vd.storage_path"), "w") as f:
-        f.write("/sdcard/")
-    shutil.copy(os.path.join(ARGS.modules, "lib_vd_settings.so"), os.path.join(root, "system/lib64"))
-
-    with open(os.path.join(root, "standin.stderr"), "w") as log:
-        standin = subprocess.Popen(
-            [os.path.join(ARGS.build, "tools/standin/vd-standin"), "--root", root, "serve",
-             "--http", "127.0.0.1:0"],
-            stdout=subprocess.PIPE, stderr=log)
-    ENV["standin"] = standin
-    printed = b""
-    deadline = time.monotonic() + TIMEOUT
-    while not re.search(rb"http://127\.0\.0\.1:\d+/", printed):
-        left = deadline - time.monotonic()
-        if left <= 0 or not select.select([standin.stdout], [], [], left)[0]:
-            raise AssertionError(f"vd-standin printed no address: {printed!r}")
-        chunk = os.read(standin.stdout.fileno(), 4096)
-        if not chunk:
-            raise AssertionError(f"vd-standin ended: {printed!r}")
-        printed += chunk
-    ENV["url"] = re.search(rb"http://127\.0\.0\.1:\d+/", printed).group(0).decode()
-
-    env = {k: v for k, v in os.environ.items() if not k.startswith("VIGILD_")}
-    env.update(VIGILD_ROOT=root, VIGILD_TIME_SCALE="0.01")
-    with open(os.path.join(root, "vigild.stderr"), "w") as log:
-        ENV["daemon"] = subprocess.Popen([os.path.join(ARGS.build, "vigild")], env=env, stderr=log)
-    wait_for("the daemon asks for a command", lambda: api("/api/status")["waiting"] > 0)
-
-
-# Ends both; False when vd-standin did not stop cleanly (a crash, a sanitizer report).
-def stop_processes():
-    clean = True
-    for name in ("daemon", "standin"):
-        process = ENV.get(name)
-        if not process:
-            continue
-        if process.poll() is None:
-            process.send_signal(signal.SIGTERM if name == "standin" else signal.SIGKILL)
-            process.wait(timeout=TIMEOUT)
-        if process.stdout:
-            process.stdout.close()
-        if name == "standin" and process.returncode != 0:
-            with open(os.path.join(ENV["root"], "standin.stderr")) as log:
-                print(f"vd-standin ended with status {process.returncode}:\n{log.read()}")
-            clean = False
-    if ENV.get("root"):
-        shutil.rmtree(ENV["root"], ignore_errors=True)
-    return clean
+# The value of one of the module's settings in the document the daemon holds now.
+def setting(name):
+    settings = api("/api/config")["document"][MODULE]["settings"]
+    return next(entry["value"] for entry in settings if entry["name"] == name)
 
 
 class ConsolePage(unittest.TestCase):
     @classmethod
     def setUpClass(cls):
-        start_processes()
         options = webdriver.ChromeOptions()
         options.binary_location = shutil.which("chromium")
-        ENV["profile"] = tempfile.mkdtemp(prefix="vdb-chromium.")
-        for flag in CHROMIUM_FLAGS + [f"--user-data-dir={ENV['profile']}"]:
+        cls.profile = tempfile.mkdtemp(prefix="vdb-chromium.")
+        for flag in CHROMIUM_FLAGS + [f"--user-data-dir={cls.profile}"]:
             options.add_argument(flag)
         cls.browser = webdriver.Chrome(service=Service(shutil.which("chromedriver")),
                                        options=options)
-        cls.browser.get(ENV["url"])
+        cls.browser.get(URL)
         cls.wait = WebDriverWait(cls.browser, TIMEOUT, poll_frequency=0.05)
         cls.wait.until(lambda b: b.find_element(By.ID, "link-badge").text == "live")
 
     @classmethod
     def tearDownClass(cls):
         cls.browser.quit()
-        shutil.rmtree(ENV.get("profile", ""), ignore_errors=True)
+        shutil.rmtree(cls.profile, ignore_errors=True)
 
     def field(self, name):
         return self.browser.find_element(
@@ -173,9 +102,8 @@ class ConsolePage(unittest.TestCase):
         self.assertIn("Level: low (0) → high (2)", diff)
 
         self.apply_and_wait()
-        document = api("/api/config")["document"]
-        self.assertEqual(setting(document, MODULE, "Verbose"), "true")
-        self.assertEqual(setting(document, MODULE, "Level"), "2")
+        self.assertEqual(setting("Verbose"), "true")
+        self.assertEqual(setting("Level"), "2")
         # The form now shows the daemon's answer, with nothing left to send.
         self.wait.until(lambda b: "No changes" in b.find_element(By.ID, "diff").text)
         self.assertTrue(self.control("Verbose").is_selected())
@@ -197,37 +125,45 @@ class ConsolePage(unittest.TestCase):
                       or received[0].find_elements(By.TAG_NAME, "td")[4].text)
         self.trace_rows("")
 
-    def test_2_objection_is_shown_beside_its_field(self):
+    def test_2_objection_and_value_not_kept_beside_their_fields(self):
         self.browser.find_element(By.CSS_SELECTOR, '[data-command="start:"]').click()
         self.wait.until(lambda b: b.find_element(By.ID, "state-badge").text == "running")
         self.wait.until(lambda b: "sendState(1)" in b.find_element(By.ID, "answer").text)
 
-        size = self.control("Buffer Size (KB)")
-        size.clear()
-        size.send_keys("0")
-        self.wait.until(lambda b: "1 change to send" in b.find_element(By.ID, "diff").text)
+        for name, value in (("Buffer Size (KB)", "0"), ("Log Path", "/elsewhere/")):
+            self.control(name).clear()
+            self.control(name).send_keys(value)
+        self.wait.until(lambda b: "2 changes to send" in b.find_element(By.ID, "diff").text)
         self.apply_and_wait()
         self.wait.until(lambda b: self.field("Buffer Size (KB)").find_element(
             By.CLASS_NAME, "objection").text == "Buffer Size (KB) must be positive")
         self.assertIn("objected", self.field("Buffer Size (KB)").get_attribute("class"))
-        self.assertIn("1 module objection", self.browser.find_element(By.ID, "apply-result").text)
-        # Only the field the module named.
+        result = self.browser.find_element(By.ID, "apply-result").text
+        self.assertIn("1 module objection", result)
+        self.assertIn("1 value not kept", result)
+        # The objected value stays applied; the path is the one the daemon holds instead.
+        self.assertEqual(setting("Buffer Size (KB)"), "0")
+        self.assertEqual(self.field("Log Path").find_element(By.CLASS_NAME, "notkept").text,
+                         "not kept: sent /elsewhere/, the daemon has "
+                         + setting("Log Path"))
+        # Only the fields concerned.
         self.assertEqual(self.field("Verbose").find_element(By.CLASS_NAME, "objection").text, "")
+        self.assertEqual(self.field("Buffer Size (KB)").find_element(By.CLASS_NAME, "notkept").text,
+                         "")
         # The versions come with a fresh connect.
         self.browser.find_element(By.CSS_SELECTOR, '[data-command="fresh_connect"]').click()
         self.wait.until(lambda b: "14.0." in b.find_element(By.ID, "modules").text)
-        if ARGS.screenshot:
+        if os.environ.get("VIGILD_CONSOLE_SCREENSHOT"):
             self.browser.execute_script("window.scrollTo(0, 0)")
-            self.browser.save_screenshot(ARGS.screenshot)
+            self.browser.save_screenshot(os.environ["VIGILD_CONSOLE_SCREENSHOT"])
 
 
 def main():
-    global ARGS
+    global URL
     parser = argparse.ArgumentParser(description="the vd-standin console in a browser")
-    parser.add_argument("--build", required=True)
-    parser.add_argument("--modules", required=True)
-    parser.add_argument("--screenshot", help="save a PNG of the page after the scenarios")
-    ARGS, rest = parser.parse_known_args()
+    parser.add_argument("--url", required=True, help="the console, e.g. http://127.0.0.1:8080/")
+    args, rest = parser.parse_known_args()
+    URL = args.url
     missing = [what for what, ok in (("python3-selenium", webdriver is not None),
                                      ("chromium", shutil.which("chromium")),
                                      ("chromium-driver", shutil.which("chromedriver"))) if not ok]
@@ -235,15 +171,8 @@ def main():
         print(f"SKIPPED: the browser test needs {', '.join(missing)} "
               "(apt-get install chromium chromium-driver python3-selenium)")
         return SKIP
-    if not os.access(os.path.join(ARGS.build, "tools/standin/vd-standin"), os.X_OK):
-        print("SKIPPED: no vd-standin in the build (libcli11-dev missing)")
-        return SKIP
-    result = None
-    try:
-        result = unittest.main(argv=[sys.argv[0], "-v"] + rest, exit=False).result
-    finally:
-        clean = stop_processes()
-    return 0 if result.wasSuccessful() and clean else 1
+    result = unittest.main(argv=[sys.argv[0], "-v"] + rest, exit=False).result
+    return 0 if result.wasSuccessful() else 1
 
 
 if __name__ == "__main__":

@@ -1,11 +1,11 @@
 // vd-standin as a person uses it, against the real daemon: the command line (a serving
 // process, the other sub-commands run from a shell) and the browser console's JSON API and
 // event stream ("serve --http 127.0.0.1:0", its address read from stdout, with the settings
-// test module). Every wait is bounded real time on something one of the processes does.
+// test module) and page in a browser. Every wait is bounded real time on something one of the
+// processes does.
 #include <gtest/gtest.h>
 #include <jansson.h>
 
-#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <memory>
@@ -27,7 +27,6 @@ namespace {
 
 using namespace std::chrono_literals;
 using vigild::testing::eventually;
-using vigild::testing::withSetting;
 
 constexpr auto kTimeout = 15s;
 const std::string kStandin = std::string(VIGILD_BINARY_DIR) + "/tools/standin/vd-standin";
@@ -172,30 +171,12 @@ TEST(ConsoleE2ETest, Unavailable) {
 
 #else
 
-constexpr const char* kModule = "SettingsModule";
 constexpr const char* kJson = "application/json";
 
 using Json = std::unique_ptr<json_t, decltype(&json_decref)>;
-Json parse(const std::string& text) {
-    return Json(json_loads(text.c_str(), 0, nullptr), json_decref);
-}
-Json hold(json_t* value) { return Json(json_incref(value), json_decref); }
-
 std::string text(json_t* value) {
     const char* s = json_string_value(value);
     return s != nullptr ? s : "";
-}
-
-// The value of one setting in a configuration document ("" when absent).
-std::string settingValue(json_t* document, const char* name) {
-    json_t* settings = json_object_get(json_object_get(document, kModule), "settings");
-    size_t i;
-    json_t* entry;
-    json_array_foreach(settings, i, entry) {
-        if (text(json_object_get(entry, "name")) == name)
-            return text(json_object_get(entry, "value"));
-    }
-    return "";
 }
 
 class ConsoleE2ETest : public StandinE2ETest {
@@ -217,54 +198,36 @@ class ConsoleE2ETest : public StandinE2ETest {
         client_->set_read_timeout(10, 0);
         ASSERT_TRUE(daemon_.launch());
         ASSERT_TRUE(eventually(
-            [&] { return json_integer_value(json_object_get(status().get(), "waiting")) > 0; },
+            [&] {
+                return json_integer_value(json_object_get(get("/api/status").get(), "waiting")) > 0;
+            },
             kTimeout))
             << "the daemon never asked for a command";
-    }
-    void TearDown() override {
-        client_.reset();
-        StandinE2ETest::TearDown();
     }
 
     std::string origin() const { return "http://127.0.0.1:" + std::to_string(port_); }
 
     Json get(const std::string& path) {
         auto res = client_->Get(path.c_str());
-        return parse(res && res->status == 200 ? res->body : "null");
+        return Json(json_loads(res && res->status == 200 ? res->body.c_str() : "null", 0, nullptr),
+                    json_decref);
     }
-    Json status() { return get("/api/status"); }
-    std::string state() { return text(json_object_get(status().get(), "state")); }
-
-    int post(const std::string& path, const std::string& body, httplib::Headers headers = {}) {
-        auto res = client_->Post(path.c_str(), headers, body, kJson);
+    int command(const std::string& body, httplib::Headers headers = {}) {
+        auto res = client_->Post("/api/command", headers, body, kJson);
         return res ? res->status : -1;
     }
-    int command(const std::string& json) { return post("/api/command", json); }
-
-    // The newest trace event named `name` whose reply is `reply` (any reply when null).
-    Json traced(const char* name, const char* reply = nullptr) {
+    // Whether the trace holds an event named `name` whose reply is `reply` (any when null).
+    bool traced(const char* name, const char* reply = nullptr) {
         Json trace = get("/api/trace?max=1000");
-        for (size_t i = json_array_size(trace.get()); i-- > 0;) {
-            json_t* e = json_array_get(trace.get(), i);
+        size_t i;
+        json_t* e;
+        json_array_foreach(trace.get(), i, e) {
             if (text(json_object_get(e, "name")) == name &&
                 (reply == nullptr || text(json_object_get(e, "reply")) == reply)) {
-                return hold(e);
+                return true;
             }
         }
-        return Json(nullptr, json_decref);
-    }
-    bool eventuallyTraced(const char* name, const char* reply) {
-        return eventually([&] { return traced(name, reply) != nullptr; }, kTimeout);
-    }
-
-    std::string documentNow() {
-        Json config = get("/api/config");
-        json_t* document = json_object_get(config.get(), "document");
-        if (!json_is_object(document)) return "";
-        char* dumped = json_dumps(document, JSON_PRESERVE_ORDER);
-        std::string out = dumped;
-        free(dumped);
-        return out;
+        return false;
     }
 
     int port_ = 0;
@@ -275,6 +238,7 @@ TEST_F(ConsoleE2ETest, RefusesRequestsThatAreNotItsOwn) {
     const std::string start = R"({"command":"start:"})", evil = "http://evil.example";
     const std::string rebound = "evil.example:" + std::to_string(port_);
     const std::string huge = "{\"a\":\"" + std::string(1 << 20, 'x') + "\"}";
+    // clang-format off
     const struct {
         const char* what;
         const char* path;  // a GET without a body
@@ -285,45 +249,21 @@ TEST_F(ConsoleE2ETest, RefusesRequestsThatAreNotItsOwn) {
     } cases[] = {
         {"another site reads the state", "/api/status", {{"Origin", evil}}, "", 403},
         {"another site starts the daemon", "/api/command", {{"Origin", evil}}, start, 403},
-        {"another port on this host",
-         "/api/command",
-         {{"Origin", "http://127.0.0.1:1"}},
-         start,
-         403},
+        {"another port on this host", "/api/command", {{"Origin", "http://127.0.0.1:1"}}, start, 403},
         {"sandboxed page", "/api/command", {{"Origin", "null"}}, start, 403},
-        {"cross-site fetch without Origin",
-         "/api/command",
-         {{"Sec-Fetch-Site", "cross-site"}},
-         start,
-         403},
-        {"cross-site Referer without Origin",
-         "/api/command",
-         {{"Referer", evil + "/page"}},
-         start,
-         403},
+        {"cross-site fetch without Origin", "/api/command", {{"Sec-Fetch-Site", "cross-site"}}, start, 403},
+        {"cross-site Referer without Origin", "/api/command", {{"Referer", evil + "/page"}}, start, 403},
         {"a name rebound to this host", "/", {{"Host", rebound}}, "", 403},
         {"a state change by GET", "/api/command", {}, "", 405},
-        {"a plain form post",
-         "/api/command",
-         {},
-         "command=start:",
-         415,
-         "application/x-www-form-urlencoded"},
+        {"a plain form post", "/api/command", {}, "command=start:", 415, "application/x-www-form-urlencoded"},
         {"a document that is not JSON", "/api/config", {}, "{\"a\":", 400},
         {"a document that is not an object", "/api/config", {}, "[1]", 400},
         {"a document over 1 MiB", "/api/config", {}, huge, 413},
-        {"a command the console does not send",
-         "/api/command",
-         {},
-         R"({"command":"rm -rf /"})",
-         400},
+        {"a command the console does not send", "/api/command", {}, R"({"command":"rm -rf /"})", 400},
         {"config_set: without a document", "/api/command", {}, R"({"command":"config_set:"})", 400},
-        {"a delete type with another command",
-         "/api/command",
-         {},
-         R"({"command":"start:","deleteType":1})",
-         400},
+        {"a delete type with another command", "/api/command", {}, R"({"command":"start:","deleteType":1})", 400},
     };
+    // clang-format on
     for (const auto& c : cases) {
         httplib::Result res = c.body.empty() ? client_->Get(c.path, c.headers)
                                              : client_->Post(c.path, c.headers, c.body, c.type);
@@ -333,78 +273,20 @@ TEST_F(ConsoleE2ETest, RefusesRequestsThatAreNotItsOwn) {
 
     // The console's own page may: with its Origin, with Sec-Fetch-Site same-origin, and
     // without either (curl, scripts).
-    EXPECT_EQ(post("/api/command", R"({"command":"refresh_state"})", {{"Origin", origin()}}), 202);
-    EXPECT_EQ(post("/api/command", R"({"command":"refresh_state"})",
-                   {{"Sec-Fetch-Site", "same-origin"}, {"Referer", origin() + "/"}}),
+    EXPECT_EQ(command(R"({"command":"refresh_state"})", {{"Origin", origin()}}), 202);
+    EXPECT_EQ(command(R"({"command":"refresh_state"})",
+                      {{"Sec-Fetch-Site", "same-origin"}, {"Referer", origin() + "/"}}),
               202);
-    EXPECT_EQ(command(R"({"command":"config_get:"})"), 202);
-    // Commands are taken in order: once "config_get:" is taken, nothing refused was queued.
-    ASSERT_TRUE(eventuallyTraced("waitForResponse", "config_get:"));
-    EXPECT_EQ(traced("waitForResponse", "start:"), nullptr);
-    EXPECT_EQ(traced("receiveConfig"), nullptr);
-    EXPECT_NE(state(), "running");
-}
-
-// Objected values stay applied (the last case puts the size back); a value the daemon holds
-// differently is listed as not kept.
-TEST_F(ConsoleE2ETest, AppliedDocumentsReportObjectionsAndValuesNotKept) {
-    const struct {
-        std::vector<std::pair<const char*, const char*> > values;
-        const char* objection;  // on "Buffer Size (KB)"
-        const char* notKept;
-    } cases[] = {
-        {{{"Verbose", "true"}, {"Level", "2"}}, nullptr, nullptr},
-        {{{"Buffer Size (KB)", "0"}}, "Buffer Size (KB) must be positive", nullptr},
-        {{{"Buffer Size (KB)", "64"}, {"Log Path", "/elsewhere/"}}, nullptr, "Log Path"},
-    };
-    int64_t id = 0;
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.values[0].first);
-        EXPECT_EQ(command(R"({"command":"config_get:"})"), 202);
-        std::string document;
-        ASSERT_TRUE(eventually([&] { return !(document = documentNow()).empty(); }, kTimeout));
-        for (const auto& [name, value] : c.values) {
-            document = withSetting(document, kModule, name, value);
-        }
-        ASSERT_EQ(post("/api/config", document), 202);
-        id++;
-        Json apply(nullptr, json_decref);
-        ASSERT_TRUE(eventually(
-            [&] {
-                Json config = get("/api/config");
-                apply = hold(json_object_get(config.get(), "apply"));
-                return json_integer_value(json_object_get(apply.get(), "id")) == id &&
-                       text(json_object_get(apply.get(), "phase")) == "answered";
-            },
-            kTimeout));
-
-        Json now = parse(documentNow());
-        for (const auto& [name, value] : c.values) {
-            if (c.notKept == nullptr || strcmp(name, c.notKept) != 0) {
-                EXPECT_EQ(settingValue(now.get(), name), value) << name;
-            }
-        }
-        json_t* objections = json_object_get(apply.get(), "objections");
-        EXPECT_EQ(text(json_object_get(json_object_get(objections, kModule), "Buffer Size (KB)")),
-                  c.objection != nullptr ? c.objection : "");
-        EXPECT_EQ(json_is_null(objections), c.objection == nullptr);
-        json_t* notKept = json_object_get(apply.get(), "notKept");
-        ASSERT_EQ(json_array_size(notKept), c.notKept != nullptr ? 1u : 0u);
-        if (c.notKept != nullptr) {
-            json_t* entry = json_array_get(notKept, 0);
-            EXPECT_EQ(text(json_object_get(entry, "setting")), c.notKept);
-            EXPECT_EQ(text(json_object_get(entry, "sent")), "/elsewhere/");
-            EXPECT_EQ(text(json_object_get(entry, "now")), settingValue(now.get(), c.notKept));
-        }
-    }
-    // Each document went through "config_set:" and the daemon fetched it.
-    EXPECT_NE(traced("waitForResponse", "config_set:"), nullptr);
-    EXPECT_NE(traced("receiveConfig"), nullptr);
+    // The delete type is the service's answer to the daemon's question, set before the command.
+    EXPECT_EQ(command(R"({"command":"delete_logs","deleteType":2})"), 202);
+    // Commands are taken in order: once "delete_logs" is, nothing refused was queued.
+    ASSERT_TRUE(eventually([&] { return traced("getDeleteLogsParam", "2"); }, kTimeout));
+    EXPECT_FALSE(traced("waitForResponse", "start:"));
+    EXPECT_FALSE(traced("receiveConfig"));
 }
 
 // The page's live feed: the recent past at once, then every transaction, the status and the
-// document as they change; a reconnecting page resumes after the last event it saw. Then the
-// page's controls reach the daemon.
+// document as they change; a reconnecting page resumes after the last event it saw.
 TEST_F(ConsoleE2ETest, EventStreamFollowsTheDaemon) {
     struct Stream {
         std::mutex mutex;
@@ -458,33 +340,17 @@ TEST_F(ConsoleE2ETest, EventStreamFollowsTheDaemon) {
     ASSERT_TRUE(eventually([&] { return resumed.has("event: trace"); }, kTimeout));
     const std::string again = resumed.text();
     EXPECT_EQ(again.substr(again.find("id: "), first.size()), first);
+}
 
-    // The controls while it runs: the delete type is the service's answer to the daemon's
-    // question, set before the command; a bug report; stop.
-    std::filesystem::create_directories(daemon_.host("/bugreports"));
-    std::ofstream(daemon_.host("/bugreports/bugreport-console.zip")) << "zip bytes";
-    daemon_.writeBugreportTool("echo 'OK:/bugreports/bugreport-console.zip'");
-
-    ASSERT_EQ(command(R"({"command":"delete_logs","deleteType":2})"), 202);
-    EXPECT_TRUE(eventuallyTraced("getDeleteLogsParam", "2"));
-    EXPECT_EQ(json_integer_value(
-                  json_object_get(json_object_get(status().get(), "device"), "delete-logs-param")),
-              2);
-
-    ASSERT_EQ(post("/api/bugreport", "{}"), 202);
-    EXPECT_TRUE(eventually(
-        [&] {
-            Json now = status();
-            json_t* reported =
-                json_object_get(json_object_get(now.get(), "reports"), "updateTwBugreportStatus");
-            return json_integer_value(json_array_get(reported, 0)) == 1 &&
-                   text(json_object_get(now.get(), "bugreportProperty")) == "false";
-        },
-        kTimeout));
-    EXPECT_EQ(daemon_.read("/sdcard/Tellwick/TwBugreport-console.zip"), "zip bytes");
-
-    ASSERT_EQ(command(R"({"command":"stop:"})"), 202);
-    EXPECT_TRUE(eventually([&] { return state() == "stopped"; }, kTimeout));
+// The page itself in headless Chromium (tests/browser): exit status 77 when Chromium, its
+// driver or Selenium is missing.
+TEST_F(ConsoleE2ETest, PageInABrowser) {
+    if (!std::filesystem::exists(VIGILD_BROWSER_PYTHON)) GTEST_SKIP() << "no python3";
+    std::string out;
+    const int status = vigild::testing::runTool(
+        VIGILD_BROWSER_PYTHON, std::string(VIGILD_BROWSER_TEST) + " --url " + origin() + "/", &out);
+    if (status == 77) GTEST_SKIP() << out;
+    EXPECT_EQ(status, 0) << out;
 }
 
 #endif
