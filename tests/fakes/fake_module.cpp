@@ -21,14 +21,9 @@ void Journal::clear() {
     events_.clear();
 }
 
-FakeModule::FakeModule(std::string name, std::string version)
-    : name_(std::move(name)), version_(std::move(version)) {}
-
 int FakeModule::start(moduleConfig settings) {
     starts++;
-    std::string event = name_ + ":start";
-    if (withSettingsCount_) event += ":" + std::to_string(settings.configs.size());
-    note(event);
+    note(name_ + ":start:" + std::to_string(settings.configs.size()));
     return 0;
 }
 
@@ -39,7 +34,6 @@ int FakeModule::systemTimeChange() {
 }
 
 int FakeModule::prestop() {
-    prestops++;
     note(name_ + ":prestop");
     return 0;
 }
@@ -59,11 +53,6 @@ int FakeModule::configVal(moduleConfig&, std::vector<std::string>& errors) {
 int FakeModule::logcatEOFStatus() {
     note(name_ + ":eof?");
     return eof ? 1 : 0;
-}
-
-void FakeModule::journalTo(Journal* journal, bool withSettingsCount) {
-    journal_ = journal;
-    withSettingsCount_ = withSettingsCount;
 }
 
 void FakeModule::note(const std::string& event) {

@@ -1,7 +1,6 @@
 // An in-process module for tests that need the registry filled without loading a library:
 // it counts its calls, can write them to a journal and hands out objections and an end-of-file
-// answer. Plus small helpers to build
-// setting records and register modules.
+// answer. Plus small helpers to build setting records and register modules.
 #pragma once
 
 #include <atomic>
@@ -9,6 +8,7 @@
 #include <memory>
 #include <mutex>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "core/module_registry.h"
@@ -30,7 +30,7 @@ class Journal {
 
 class FakeModule : public Module {
   public:
-    explicit FakeModule(std::string name, std::string version = "14.0.0.1");
+    explicit FakeModule(std::string name) : name_(std::move(name)) {}
 
     int shouldLoad() override { return 0; }
     int init(moduleConfig&) override { return 0; }
@@ -39,16 +39,15 @@ class FakeModule : public Module {
     int prestop() override;
     int stop() override;
     const char* getName() override { return name_.c_str(); }
-    const char* getVersion() override { return version_.c_str(); }
+    const char* getVersion() override { return "14.0.0.1"; }
     int configVal(moduleConfig& settings, std::vector<std::string>& errors) override;
     int logcatEOFStatus() override;
 
-    // Writes "Name:start", "Name:time", "Name:prestop", "Name:stop" and "Name:eof?" to
-    // `journal` (not owned; null for none). With `withSettingsCount` a start is written as
-    // "Name:start:N", N the number of settings it was given.
-    void journalTo(Journal* journal, bool withSettingsCount = false);
+    // Writes "Name:start:N" (N the number of settings it was given), "Name:time",
+    // "Name:prestop", "Name:stop" and "Name:eof?" to `journal` (not owned; null for none).
+    void journalTo(Journal* journal) { journal_ = journal; }
 
-    std::atomic<int> starts{0}, prestops{0}, stops{0}, timeChanges{0}, judged{0};
+    std::atomic<int> starts{0}, stops{0}, timeChanges{0}, judged{0};
     // Appended to the errors of every configVal().
     std::vector<std::string> objections;
     // What logcatEOFStatus() answers: true is 1.
@@ -58,9 +57,7 @@ class FakeModule : public Module {
     void note(const std::string& event);
 
     std::string name_;
-    std::string version_;
     Journal* journal_ = nullptr;
-    bool withSettingsCount_ = false;
 };
 
 // A setting record whose value and default are `value` (cut to fit the buffers).
@@ -80,7 +77,6 @@ class FakeModules {
     // Creates a module named `name` and registers it with "Enable Module" at `enable`.
     FakeModule& add(const std::string& name, const char* enable = "true");
     FakeModule& operator[](size_t i) { return *modules_[i]; }
-    size_t size() const { return modules_.size(); }
 
   private:
     std::vector<std::unique_ptr<FakeModule>> modules_;

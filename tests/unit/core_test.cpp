@@ -56,7 +56,7 @@ class CoreTest : public ::testing::Test {
     }
     // A module journaling "Name:start:N" (N settings handed over), prestop, stop, time, eof?.
     modulePair& add(const std::string& name, bool enabled = true) {
-        modules.add(name, enabled ? "true" : "false").journalTo(&journal, true);
+        modules.add(name, enabled ? "true" : "false").journalTo(&journal);
         return moduleRegistry.back();
     }
 
@@ -322,7 +322,7 @@ TEST_F(CoreTest, EndOfFileMonitorRestartsTheEnabledLogcatModuleOncePerCycle) {
         SCOPED_TRACE(c.name);
         vigild::testing::FakeModules owned;
         FakeModule& m = owned.add("LogcatModule", c.enabled ? "true" : "false");
-        m.journalTo(&journal, true);
+        m.journalTo(&journal);
         m.eof = c.eofAt == 1;
         runState = c.running ? kStateRunning : kStateStopped;
         journal.clear();
