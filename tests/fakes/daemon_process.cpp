@@ -16,6 +16,7 @@
 #include <utility>
 
 #include "fakes/eventually.h"
+#include "platform/host/host_platform.h"
 
 extern char** environ;
 
@@ -39,8 +40,7 @@ bool DaemonProcess::makeRoot(const std::string& prefix) {
     root_ = tmpl;
     fsys::create_directories(host("/sdcard"));
     fsys::create_directories(host("/system/lib64"));
-    fsys::create_directories(host("/dev/__properties__"));
-    std::ofstream(host("/dev/__properties__/persist.sys.vd.storage_path")) << "/sdcard/";
+    setProperty("persist.sys.vd.storage_path", "/sdcard/");
     return true;
 }
 
@@ -58,9 +58,8 @@ void DaemonProcess::installModule(const std::string& library) {
 }
 
 void DaemonProcess::setProperty(const std::string& name, const std::string& value) {
-    std::string temp = host("/dev/__properties__/.new-" + name);
-    std::ofstream(temp) << value;
-    fsys::rename(temp, host("/dev/__properties__/" + name));
+    platform::host::HostRoot root(root_);
+    platform::host::FileProperties(&root).set(name.c_str(), value.c_str());
 }
 
 void DaemonProcess::writeBugreportTool(const std::string& body) {

@@ -33,7 +33,7 @@ class DaemonProcess {
 
     // Copies a built module library into /system/lib64.
     void installModule(const std::string& library);
-    // Writes a property as the store does: a temporary file renamed over it.
+    // Writes a property through the daemon's own host store.
     void setProperty(const std::string& name, const std::string& value);
     // Puts a shell script with `body` in place of /system/bin/bugreportz, in one rename, so
     // a run of the old one is never cut off mid-write.
