@@ -7,6 +7,7 @@
 #include <filesystem>
 #include <fstream>
 #include <future>
+#include <memory>
 #include <sstream>
 #include <thread>
 
@@ -170,18 +171,17 @@ platform::ServiceManager* testServiceManager() {
 }  // namespace
 
 TestPlatform::TestPlatform()
-    : root_(makeTempRoot()),
-      deviceRoot_(root_),
+    : deviceRoot_(makeTempRoot()),
       properties_(&deviceRoot_),
+      processes_(&deviceRoot_, &properties_),
       loader_(&deviceRoot_),
       services_(&deviceRoot_) {
-    processes_ = std::make_unique<RecordingProcesses>(&deviceRoot_, &properties_);
     platform::Platform p;
     p.properties = &properties_;
     p.log = &log_;
     p.root = &deviceRoot_;
     p.clock = &clock_;
-    p.processes = processes_.get();
+    p.processes = &processes_;
     p.loader = &loader_;
     p.files = &files_;
     p.serviceManager = testServiceManager;
@@ -197,7 +197,7 @@ TestPlatform::TestPlatform()
 
 TestPlatform::~TestPlatform() {
     std::error_code ec;
-    std::filesystem::remove_all(root_, ec);
+    std::filesystem::remove_all(root(), ec);
     if (gServices == &services_) gServices = nullptr;
 }
 

@@ -12,7 +12,6 @@
 #include <deque>
 #include <filesystem>
 #include <functional>
-#include <memory>
 #include <mutex>
 #include <string>
 #include <vector>
@@ -118,12 +117,12 @@ class TestPlatform {
     TestPlatform& operator=(const TestPlatform&) = delete;
 
     // Host path of the device root (short, under /tmp, so service sockets fit).
-    const std::string& root() const { return root_; }
+    const std::string& root() const { return deviceRoot_.root(); }
     std::string hostPath(const std::string& devicePath) const;
 
     RecordingLog& log() { return log_; }
     VirtualClock& clock() { return clock_; }
-    RecordingProcesses& processes() { return *processes_; }
+    RecordingProcesses& processes() { return processes_; }
     FaultyFiles& files() { return files_; }
 
     // An empty value reads as unset.
@@ -140,12 +139,11 @@ class TestPlatform {
     void makeDir(const std::string& devicePath);
 
   private:
-    std::string root_;
     platform::host::HostRoot deviceRoot_;
     platform::host::FileProperties properties_;
     RecordingLog log_;
     VirtualClock clock_;
-    std::unique_ptr<RecordingProcesses> processes_;
+    RecordingProcesses processes_;
     platform::host::HostLoader loader_;
     platform::host::SocketServiceManager services_;
     FaultyFiles files_;
