@@ -12,11 +12,9 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
-#include <sstream>
 #include <utility>
 
 #include "fakes/eventually.h"
-#include "platform/host/host_platform.h"
 
 extern char** environ;
 
@@ -26,40 +24,16 @@ namespace fsys = std::filesystem;
 
 DaemonProcess::DaemonProcess(std::string binary) : binary_(std::move(binary)) {}
 
-DaemonProcess::~DaemonProcess() {
-    kill();
-    if (!root_.empty()) {
-        std::error_code ec;
-        fsys::remove_all(root_, ec);
-    }
-}
-
 bool DaemonProcess::makeRoot(const std::string& prefix) {
-    std::string tmpl = prefix + ".XXXXXX";
-    if (mkdtemp(tmpl.data()) == nullptr) return false;
-    root_ = tmpl;
-    fsys::create_directories(host("/sdcard"));
-    fsys::create_directories(host("/system/lib64"));
+    if (!make(prefix)) return false;
+    makeDir("/sdcard");
+    makeDir("/system/lib64");
     setProperty("persist.sys.vd.storage_path", "/sdcard/");
     return true;
 }
 
-std::string DaemonProcess::host(const std::string& devicePath) const { return root_ + devicePath; }
-
-std::string DaemonProcess::read(const std::string& devicePath) const {
-    std::ifstream in(host(devicePath), std::ios::binary);
-    std::stringstream ss;
-    ss << in.rdbuf();
-    return ss.str();
-}
-
 void DaemonProcess::installModule(const std::string& library) {
     fsys::copy_file(library, host("/system/lib64/" + fsys::path(library).filename().string()));
-}
-
-void DaemonProcess::setProperty(const std::string& name, const std::string& value) {
-    platform::host::HostRoot root(root_);
-    platform::host::FileProperties(&root).set(name.c_str(), value.c_str());
 }
 
 void DaemonProcess::writeBugreportTool(const std::string& body) {
@@ -73,7 +47,7 @@ void DaemonProcess::writeBugreportTool(const std::string& body) {
 
 pid_t DaemonProcess::spawn(const std::vector<std::string>& argv, const std::string& out,
                            const std::string& err, const std::vector<std::string>& extraEnv) {
-    std::vector<std::string> env = {"VIGILD_ROOT=" + root_, "VIGILD_TIME_SCALE=0.01"};
+    std::vector<std::string> env = {"VIGILD_ROOT=" + root(), "VIGILD_TIME_SCALE=0.01"};
     for (char** e = environ; *e != nullptr; e++) {
         if (std::string(*e).rfind("VIGILD_", 0) != 0) env.push_back(*e);
     }

@@ -8,33 +8,28 @@
 #include <string>
 #include <vector>
 
+#include "fakes/test_platform.h"
 #include "standin/standin_service.h"
 
 namespace vigild::testing {
 
-class DaemonProcess {
+class DaemonProcess : public TempRoot {
   public:
     // `binary` is the vigild executable to run.
     explicit DaemonProcess(std::string binary);
-    // Kills the daemon and removes the root.
-    ~DaemonProcess();
-    DaemonProcess(const DaemonProcess&) = delete;
-    DaemonProcess& operator=(const DaemonProcess&) = delete;
+    // Kills the daemon; the root goes after.
+    ~DaemonProcess() { kill(); }
 
     // Makes the root "<prefix>.XXXXXX" with /sdcard, /system/lib64 and a property store in
     // which the storage root is already "/sdcard/", as after an earlier boot. False when the
     // folder cannot be made.
     bool makeRoot(const std::string& prefix);
-    const std::string& root() const { return root_; }
-    // The host path of a device path.
-    std::string host(const std::string& devicePath) const;
-    // The whole content of a device file, "" when it cannot be read.
-    std::string read(const std::string& devicePath) const;
+    // hostPath() and readFile() by the names the end-to-end tests use.
+    std::string host(const std::string& devicePath) const { return hostPath(devicePath); }
+    std::string read(const std::string& devicePath) const { return readFile(devicePath); }
 
     // Copies a built module library into /system/lib64.
     void installModule(const std::string& library);
-    // Writes a property through the daemon's own host store.
-    void setProperty(const std::string& name, const std::string& value);
     // Puts a shell script with `body` in place of /system/bin/bugreportz, in one rename, so
     // a run of the old one is never cut off mid-write.
     void writeBugreportTool(const std::string& body);
@@ -56,7 +51,6 @@ class DaemonProcess {
 
   private:
     std::string binary_;
-    std::string root_;
     pid_t pid_ = -1;
 };
 

@@ -152,14 +152,56 @@ int FaultyFiles::renameat(int fromDir, const char* from, int toDir, const char* 
     return faultHere() ? -1 : ::renameat(fromDir, from, toDir, to);
 }
 
-namespace {
-
-std::string makeTempRoot() {
-    // A device has no /tmp.
-    std::string tmpl = access("/tmp", W_OK) == 0 ? "/tmp/vdt.XXXXXX" : "/data/local/tmp/vdt.XXXXXX";
-    if (mkdtemp(tmpl.data()) == nullptr) abort();
-    return tmpl;
+TempRoot::~TempRoot() {
+    std::error_code ec;
+    if (!root().empty()) std::filesystem::remove_all(root(), ec);
 }
+
+bool TempRoot::make(const std::string& prefix) {
+    std::string folder = prefix + ".XXXXXX";
+    if (mkdtemp(folder.data()) == nullptr) return false;
+    root_ = platform::host::HostRoot(folder);
+    return true;
+}
+
+std::string TempRoot::hostPath(const std::string& devicePath) const {
+    return root_.toHost(devicePath);
+}
+
+void TempRoot::setProperty(const std::string& key, const std::string& value) {
+    properties_.set(key.c_str(), value.c_str());
+}
+
+std::string TempRoot::property(const std::string& key, const std::string& fallback) {
+    char value[platform::kPropValueMax];
+    properties_.get(key.c_str(), value, fallback.c_str());
+    return value;
+}
+
+void TempRoot::writeFile(const std::string& devicePath, const std::string& content) {
+    std::filesystem::path path(hostPath(devicePath));
+    std::filesystem::create_directories(path.parent_path());
+    std::ofstream out(path, std::ios::binary | std::ios::trunc);
+    out << content;
+}
+
+std::string TempRoot::readFile(const std::string& devicePath) const {
+    std::ifstream in(hostPath(devicePath), std::ios::binary);
+    std::stringstream ss;
+    ss << in.rdbuf();
+    return ss.str();
+}
+
+bool TempRoot::exists(const std::string& devicePath) const {
+    std::error_code ec;
+    return std::filesystem::exists(std::filesystem::symlink_status(hostPath(devicePath), ec));
+}
+
+void TempRoot::makeDir(const std::string& devicePath) {
+    std::filesystem::create_directories(hostPath(devicePath));
+}
+
+namespace {
 
 // The socket service manager of the installed platform, present when "/dev/binder/" exists.
 platform::host::SocketServiceManager* gServices = nullptr;
@@ -170,16 +212,13 @@ platform::ServiceManager* testServiceManager() {
 
 }  // namespace
 
-TestPlatform::TestPlatform()
-    : deviceRoot_(makeTempRoot()),
-      properties_(&deviceRoot_),
-      processes_(&deviceRoot_, &properties_),
-      loader_(&deviceRoot_),
-      services_(&deviceRoot_) {
+TestPlatform::TestPlatform() {
+    // A device has no /tmp.
+    if (!make(access("/tmp", W_OK) == 0 ? "/tmp/vdt" : "/data/local/tmp/vdt")) abort();
     platform::Platform p;
     p.properties = &properties_;
     p.log = &log_;
-    p.root = &deviceRoot_;
+    p.root = &root_;
     p.clock = &clock_;
     p.processes = &processes_;
     p.loader = &loader_;
@@ -196,51 +235,12 @@ TestPlatform::TestPlatform()
 }
 
 TestPlatform::~TestPlatform() {
-    std::error_code ec;
-    std::filesystem::remove_all(root(), ec);
     if (gServices == &services_) gServices = nullptr;
-}
-
-std::string TestPlatform::hostPath(const std::string& devicePath) const {
-    return deviceRoot_.toHost(devicePath);
-}
-
-void TestPlatform::setProperty(const std::string& key, const std::string& value) {
-    properties_.set(key.c_str(), value.c_str());
-}
-
-std::string TestPlatform::property(const std::string& key, const std::string& fallback) {
-    char value[platform::kPropValueMax];
-    properties_.get(key.c_str(), value, fallback.c_str());
-    return value;
 }
 
 void TestPlatform::enableDebugLog() {
     setProperty("persist.sys.vd.debug_log", "true");
     resetDebugSwitchesForTesting();
-}
-
-void TestPlatform::writeFile(const std::string& devicePath, const std::string& content) {
-    std::filesystem::path path(hostPath(devicePath));
-    std::filesystem::create_directories(path.parent_path());
-    std::ofstream out(path, std::ios::binary | std::ios::trunc);
-    out << content;
-}
-
-std::string TestPlatform::readFile(const std::string& devicePath) const {
-    std::ifstream in(hostPath(devicePath), std::ios::binary);
-    std::stringstream ss;
-    ss << in.rdbuf();
-    return ss.str();
-}
-
-bool TestPlatform::exists(const std::string& devicePath) const {
-    std::error_code ec;
-    return std::filesystem::exists(std::filesystem::symlink_status(hostPath(devicePath), ec));
-}
-
-void TestPlatform::makeDir(const std::string& devicePath) {
-    std::filesystem::create_directories(hostPath(devicePath));
 }
 
 bool finishesWithin(std::function<void()> fn, std::chrono::milliseconds timeout) {

@@ -109,43 +109,57 @@ class FaultyFiles : public platform::Files {
     Fault fault_ = Fault::kFail;
 };
 
-class TestPlatform {
+// A temporary folder standing for the device's "/", with its files and its host property store
+// by device path; removed with everything in it on destruction.
+class TempRoot {
   public:
+    TempRoot() = default;
+    ~TempRoot();
+    TempRoot(const TempRoot&) = delete;
+    TempRoot& operator=(const TempRoot&) = delete;
+
+    // Makes the folder "<prefix>.XXXXXX"; false when it cannot be made.
+    bool make(const std::string& prefix);
+    // Host path of the device root.
+    const std::string& root() const { return root_.root(); }
+    std::string hostPath(const std::string& devicePath) const;
+
+    // An empty value reads as unset.
+    void setProperty(const std::string& key, const std::string& value);
+    // The value, or `fallback` when unset or empty.
+    std::string property(const std::string& key, const std::string& fallback = "");
+
+    // writeFile creates missing parent folders; readFile gives "" for a missing file.
+    void writeFile(const std::string& devicePath, const std::string& content);
+    std::string readFile(const std::string& devicePath) const;
+    bool exists(const std::string& devicePath) const;
+    void makeDir(const std::string& devicePath);
+
+  protected:
+    platform::host::HostRoot root_{""};
+    platform::host::FileProperties properties_{&root_};
+};
+
+class TestPlatform : public TempRoot {
+  public:
+    // The root is short, under /tmp, so service sockets fit.
     TestPlatform();
     ~TestPlatform();
-    TestPlatform(const TestPlatform&) = delete;
-    TestPlatform& operator=(const TestPlatform&) = delete;
-
-    // Host path of the device root (short, under /tmp, so service sockets fit).
-    const std::string& root() const { return deviceRoot_.root(); }
-    std::string hostPath(const std::string& devicePath) const;
 
     RecordingLog& log() { return log_; }
     VirtualClock& clock() { return clock_; }
     RecordingProcesses& processes() { return processes_; }
     FaultyFiles& files() { return files_; }
 
-    // An empty value reads as unset.
-    void setProperty(const std::string& key, const std::string& value);
-    // The value, or `fallback` when unset or empty.
-    std::string property(const std::string& key, const std::string& fallback = "");
     // Turns debug-level lines on (sets the property and re-reads the switch).
     void enableDebugLog();
 
-    // Files by device path. writeFile creates missing parent folders.
-    void writeFile(const std::string& devicePath, const std::string& content);
-    std::string readFile(const std::string& devicePath) const;
-    bool exists(const std::string& devicePath) const;
-    void makeDir(const std::string& devicePath);
-
   private:
-    platform::host::HostRoot deviceRoot_;
-    platform::host::FileProperties properties_;
     RecordingLog log_;
     VirtualClock clock_;
-    RecordingProcesses processes_;
-    platform::host::HostLoader loader_;
-    platform::host::SocketServiceManager services_;
+    RecordingProcesses processes_{&root_, &properties_};
+    platform::host::HostLoader loader_{&root_};
+    platform::host::SocketServiceManager services_{&root_};
     FaultyFiles files_;
 };
 
