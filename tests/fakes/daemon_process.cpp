@@ -37,12 +37,9 @@ void DaemonProcess::installModule(const std::string& library) {
 }
 
 void DaemonProcess::writeBugreportTool(const std::string& body) {
-    fsys::create_directories(host("/system/bin"));
-    std::string path = host("/system/bin/bugreportz");
-    std::string temp = path + ".new";
-    std::ofstream(temp) << "#!/bin/sh\n" << body << "\n";
-    fsys::permissions(temp, fsys::perms::owner_all);
-    fsys::rename(temp, path);
+    writeFile("/system/bin/bugreportz.new", "#!/bin/sh\n" + body + "\n");
+    fsys::permissions(host("/system/bin/bugreportz.new"), fsys::perms::owner_all);
+    fsys::rename(host("/system/bin/bugreportz.new"), host("/system/bin/bugreportz"));
 }
 
 pid_t DaemonProcess::spawn(const std::vector<std::string>& argv, const std::string& out,
@@ -96,7 +93,7 @@ std::string fetchConfig(vdstandin::StandinService& service, std::chrono::millise
     size_t before = service.configs().size();
     service.queueCommand("config_get:");
     EXPECT_TRUE(eventually([&] { return service.configs().size() > before; }, timeout));
-    auto configs = service.configs();
+    const auto configs = service.configs();
     return configs.empty() ? "" : configs.back();
 }
 

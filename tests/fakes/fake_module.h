@@ -19,9 +19,18 @@ namespace vigild::testing {
 // Events in the order they happened, written from any thread.
 class Journal {
   public:
-    void add(const std::string& event);
-    std::vector<std::string> events() const;
-    void clear();
+    void add(const std::string& event) {
+        std::lock_guard<std::mutex> lock(mutex_);
+        events_.push_back(event);
+    }
+    std::vector<std::string> events() const {
+        std::lock_guard<std::mutex> lock(mutex_);
+        return events_;
+    }
+    void clear() {
+        std::lock_guard<std::mutex> lock(mutex_);
+        events_.clear();
+    }
 
   private:
     mutable std::mutex mutex_;
@@ -34,27 +43,36 @@ class FakeModule : public Module {
 
     int shouldLoad() override { return 0; }
     int init(moduleConfig&) override { return 0; }
-    int start(moduleConfig settings) override;
-    int systemTimeChange() override;
-    int prestop() override;
-    int stop() override;
+    int start(moduleConfig settings) override {
+        return note(starts, ":start:" + std::to_string(settings.configs.size()));
+    }
+    int systemTimeChange() override { return note(timeChanges, ":time"); }
+    int prestop() override { return note(prestops, ":prestop"); }
+    int stop() override { return note(stops, ":stop"); }
     const char* getName() override { return name_.c_str(); }
     const char* getVersion() override { return "14.0.0.1"; }
-    int configVal(moduleConfig& settings, std::vector<std::string>& errors) override;
-    int logcatEOFStatus() override;
+    int configVal(moduleConfig&, std::vector<std::string>& errors) override {
+        errors.insert(errors.end(), objections.begin(), objections.end());
+        return judged++, 0;
+    }
+    int logcatEOFStatus() override { return note(eofAsked, ":eof?"), eof ? 1 : 0; }
 
     // Writes "Name:start:N" (N the number of settings it was given), "Name:time",
     // "Name:prestop", "Name:stop" and "Name:eof?" to `journal` (not owned; null for none).
     void journalTo(Journal* journal) { journal_ = journal; }
 
-    std::atomic<int> starts{0}, stops{0}, timeChanges{0}, judged{0};
+    std::atomic<int> starts{0}, prestops{0}, stops{0}, timeChanges{0}, judged{0}, eofAsked{0};
     // Appended to the errors of every configVal().
     std::vector<std::string> objections;
     // What logcatEOFStatus() answers: true is 1.
     std::atomic<bool> eof{false};
 
   private:
-    void note(const std::string& event);
+    int note(std::atomic<int>& counter, const std::string& event) {
+        counter++;
+        if (journal_ != nullptr) journal_->add(name_ + event);
+        return 0;
+    }
 
     std::string name_;
     Journal* journal_ = nullptr;

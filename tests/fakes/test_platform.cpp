@@ -3,12 +3,13 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <future>
 #include <memory>
-#include <sstream>
+#include <iterator>
 #include <thread>
 
 #include "fakes/reset_state.h"
@@ -22,41 +23,27 @@ void RecordingLog::write(int priority, const char*, const char* text) {
     if (getenv("VIGILD_TEST_LOG") != nullptr) fprintf(stderr, "[%d] %s\n", priority, text);
 }
 
-std::vector<LogLine> RecordingLog::lines() const {
-    std::lock_guard<std::mutex> lock(mutex_);
-    return lines_;
-}
-
 int RecordingLog::count(const std::string& text, int priority) const {
-    std::lock_guard<std::mutex> lock(mutex_);
-    int n = 0;
-    for (const LogLine& line : lines_) {
-        if (line.text == text && (priority < 0 || line.priority == priority)) n++;
-    }
-    return n;
+    const auto all = lines();
+    return static_cast<int>(std::count_if(all.begin(), all.end(), [&](const LogLine& l) {
+        return l.text == text && (priority < 0 || l.priority == priority);
+    }));
 }
 
 int RecordingLog::indexOf(const std::string& text, size_t from) const {
-    std::lock_guard<std::mutex> lock(mutex_);
-    for (size_t i = from; i < lines_.size(); i++) {
-        if (lines_[i].text == text) return static_cast<int>(i);
+    const auto all = lines();
+    for (size_t i = from; i < all.size(); i++) {
+        if (all[i].text == text) return static_cast<int>(i);
     }
     return -1;
 }
 
-void RecordingLog::clear() {
-    std::lock_guard<std::mutex> lock(mutex_);
-    lines_.clear();
-}
-
 time_t VirtualClock::wallTime() {
     std::lock_guard<std::mutex> lock(mutex_);
-    if (!queued_.empty()) {
-        time_t t = queued_.front();
-        queued_.pop_front();
-        return t;
-    }
-    return now_;
+    if (queued_.empty()) return now_;
+    const time_t t = queued_.front();
+    queued_.pop_front();
+    return t;
 }
 
 void VirtualClock::sleepFor(std::chrono::milliseconds duration) {
@@ -72,65 +59,12 @@ void VirtualClock::sleepFor(std::chrono::milliseconds duration) {
     std::this_thread::yield();
 }
 
-void VirtualClock::queueWallTimes(std::vector<time_t> readings) {
-    std::lock_guard<std::mutex> lock(mutex_);
-    queued_.insert(queued_.end(), readings.begin(), readings.end());
-}
-
-std::vector<std::chrono::milliseconds> VirtualClock::sleeps() const {
-    std::lock_guard<std::mutex> lock(mutex_);
-    return sleeps_;
-}
-
-size_t VirtualClock::sleepCount() const {
-    std::lock_guard<std::mutex> lock(mutex_);
-    return sleeps_.size();
-}
-
-void VirtualClock::onSleep(std::function<void(std::chrono::milliseconds)> hook) {
-    std::lock_guard<std::mutex> lock(mutex_);
-    hook_ = std::move(hook);
-}
-
-FILE* RecordingProcesses::openShell(const char* command) {
-    {
-        std::lock_guard<std::mutex> lock(mutex_);
-        commands_.emplace_back(command);
-    }
-    return HostProcesses::openShell(command);
-}
-
-int RecordingProcesses::runShell(const char* command) {
-    {
-        std::lock_guard<std::mutex> lock(mutex_);
-        commands_.emplace_back(command);
-    }
-    return HostProcesses::runShell(command);
-}
-
-std::vector<std::string> RecordingProcesses::commands() const {
-    std::lock_guard<std::mutex> lock(mutex_);
-    return commands_;
-}
-
-void FaultyFiles::arm(int nth, int error, Fault fault) {
-    error_ = error;
-    fault_ = fault;
-    calls_ = 0;
-    nth_ = nth;
-}
-
 bool FaultyFiles::faultHere(const std::function<void()>& half) {
     if (++calls_ != nth_.load()) return false;
     if (half) half();
     if (fault_ == Fault::kStop) throw StoppedHere{};
     errno = error_;
     return true;
-}
-
-ssize_t FaultyFiles::write(int fd, const void* data, size_t size) {
-    if (faultHere([&] { (void)!::write(fd, data, size / 2); })) return -1;
-    return ::write(fd, data, size);
 }
 
 ssize_t FaultyFiles::copyRange(int in, int out, size_t size) {
@@ -146,12 +80,6 @@ ssize_t FaultyFiles::copyRange(int in, int out, size_t size) {
     return ::copy_file_range(in, nullptr, out, nullptr, size, 0);
 }
 
-int FaultyFiles::fsync(int fd) { return faultHere() ? -1 : ::fsync(fd); }
-
-int FaultyFiles::renameat(int fromDir, const char* from, int toDir, const char* to) {
-    return faultHere() ? -1 : ::renameat(fromDir, from, toDir, to);
-}
-
 TempRoot::~TempRoot() {
     std::error_code ec;
     if (!root().empty()) std::filesystem::remove_all(root(), ec);
@@ -164,14 +92,6 @@ bool TempRoot::make(const std::string& prefix) {
     return true;
 }
 
-std::string TempRoot::hostPath(const std::string& devicePath) const {
-    return root_.toHost(devicePath);
-}
-
-void TempRoot::setProperty(const std::string& key, const std::string& value) {
-    properties_.set(key.c_str(), value.c_str());
-}
-
 std::string TempRoot::property(const std::string& key, const std::string& fallback) {
     char value[platform::kPropValueMax];
     properties_.get(key.c_str(), value, fallback.c_str());
@@ -181,24 +101,17 @@ std::string TempRoot::property(const std::string& key, const std::string& fallba
 void TempRoot::writeFile(const std::string& devicePath, const std::string& content) {
     std::filesystem::path path(hostPath(devicePath));
     std::filesystem::create_directories(path.parent_path());
-    std::ofstream out(path, std::ios::binary | std::ios::trunc);
-    out << content;
+    std::ofstream(path, std::ios::binary) << content;
 }
 
 std::string TempRoot::readFile(const std::string& devicePath) const {
     std::ifstream in(hostPath(devicePath), std::ios::binary);
-    std::stringstream ss;
-    ss << in.rdbuf();
-    return ss.str();
+    return {std::istreambuf_iterator<char>(in), {}};
 }
 
 bool TempRoot::exists(const std::string& devicePath) const {
     std::error_code ec;
     return std::filesystem::exists(std::filesystem::symlink_status(hostPath(devicePath), ec));
-}
-
-void TempRoot::makeDir(const std::string& devicePath) {
-    std::filesystem::create_directories(hostPath(devicePath));
 }
 
 namespace {

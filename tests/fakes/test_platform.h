@@ -6,6 +6,7 @@
 // (reset_state.h); destroying it removes the temporary root.
 #pragma once
 
+#include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <chrono>
@@ -15,6 +16,10 @@
 #include <mutex>
 #include <string>
 #include <vector>
+
+#include <unistd.h>
+
+#include <cstdio>
 
 #include "fakes/reset_state.h"
 #include "platform/host/host_platform.h"
@@ -30,7 +35,10 @@ struct LogLine {
 class RecordingLog : public platform::LogSink {
   public:
     void write(int priority, const char* tag, const char* text) override;
-    std::vector<LogLine> lines() const;
+    std::vector<LogLine> lines() const {
+        std::lock_guard<std::mutex> lock(mutex_);
+        return lines_;
+    }
     // Lines of exactly this text (and priority, when given).
     int count(const std::string& text, int priority = -1) const;
     bool contains(const std::string& text, int priority = -1) const {
@@ -38,7 +46,10 @@ class RecordingLog : public platform::LogSink {
     }
     // Index of the first line of exactly this text at or after `from`, or -1.
     int indexOf(const std::string& text, size_t from = 0) const;
-    void clear();
+    void clear() {
+        std::lock_guard<std::mutex> lock(mutex_);
+        lines_.clear();
+    }
 
   private:
     mutable std::mutex mutex_;
@@ -53,11 +64,19 @@ class VirtualClock : public platform::Clock {
     void sleepFor(std::chrono::milliseconds duration) override;
 
     // Readings returned by the next wallTime() calls, in order.
-    void queueWallTimes(std::vector<time_t> readings);
-    std::vector<std::chrono::milliseconds> sleeps() const;
-    size_t sleepCount() const;
+    void queueWallTimes(std::vector<time_t> readings) {
+        std::lock_guard<std::mutex> lock(mutex_);
+        queued_.insert(queued_.end(), readings.begin(), readings.end());
+    }
+    std::vector<std::chrono::milliseconds> sleeps() const {
+        std::lock_guard<std::mutex> lock(mutex_);
+        return sleeps_;
+    }
     // Runs on every sleep (on the sleeping thread), e.g. to set exitRequested after N.
-    void onSleep(std::function<void(std::chrono::milliseconds)> hook);
+    void onSleep(std::function<void(std::chrono::milliseconds)> hook) {
+        std::lock_guard<std::mutex> lock(mutex_);
+        hook_ = std::move(hook);
+    }
 
   private:
     mutable std::mutex mutex_;
@@ -71,11 +90,22 @@ class VirtualClock : public platform::Clock {
 class RecordingProcesses : public platform::host::HostProcesses {
   public:
     using HostProcesses::HostProcesses;
-    FILE* openShell(const char* command) override;
-    int runShell(const char* command) override;
-    std::vector<std::string> commands() const;
+    FILE* openShell(const char* command) override {
+        return note(command), HostProcesses::openShell(command);
+    }
+    int runShell(const char* command) override {
+        return note(command), HostProcesses::runShell(command);
+    }
+    std::vector<std::string> commands() const {
+        std::lock_guard<std::mutex> lock(mutex_);
+        return commands_;
+    }
 
   private:
+    void note(const char* command) {
+        std::lock_guard<std::mutex> lock(mutex_);
+        commands_.emplace_back(command);
+    }
     mutable std::mutex mutex_;
     std::vector<std::string> commands_;
 };
@@ -90,14 +120,20 @@ class FaultyFiles : public platform::Files {
   public:
     enum class Fault { kFail, kStop };
     // nth 0: no fault, only counting.
-    void arm(int nth, int error = ENOSPC, Fault fault = Fault::kFail);
+    void arm(int nth, int error = ENOSPC, Fault fault = Fault::kFail) {
+        error_ = error, fault_ = fault, calls_ = 0, nth_ = nth;
+    }
     // Calls since the last arm().
     int calls() const { return calls_.load(); }
 
-    ssize_t write(int fd, const void* data, size_t size) override;
+    ssize_t write(int fd, const void* data, size_t size) override {
+        return faultHere([&] { (void)!::write(fd, data, size / 2); }) ? -1 : ::write(fd, data, size);
+    }
     ssize_t copyRange(int in, int out, size_t size) override;
-    int fsync(int fd) override;
-    int renameat(int fromDir, const char* from, int toDir, const char* to) override;
+    int fsync(int fd) override { return faultHere() ? -1 : ::fsync(fd); }
+    int renameat(int fromDir, const char* from, int toDir, const char* to) override {
+        return faultHere() ? -1 : ::renameat(fromDir, from, toDir, to);
+    }
 
   private:
     // True when this call is the one to fail; a stop throws here, after `half` ran.
@@ -122,10 +158,12 @@ class TempRoot {
     bool make(const std::string& prefix);
     // Host path of the device root.
     const std::string& root() const { return root_.root(); }
-    std::string hostPath(const std::string& devicePath) const;
+    std::string hostPath(const std::string& devicePath) const { return root_.toHost(devicePath); }
 
     // An empty value reads as unset.
-    void setProperty(const std::string& key, const std::string& value);
+    void setProperty(const std::string& key, const std::string& value) {
+        properties_.set(key.c_str(), value.c_str());
+    }
     // The value, or `fallback` when unset or empty.
     std::string property(const std::string& key, const std::string& fallback = "");
 
@@ -133,7 +171,9 @@ class TempRoot {
     void writeFile(const std::string& devicePath, const std::string& content);
     std::string readFile(const std::string& devicePath) const;
     bool exists(const std::string& devicePath) const;
-    void makeDir(const std::string& devicePath);
+    void makeDir(const std::string& devicePath) {
+        std::filesystem::create_directories(hostPath(devicePath));
+    }
 
   protected:
     platform::host::HostRoot root_{""};
@@ -197,10 +237,8 @@ inline bool installTestModule(const std::string& hostRoot, const std::string& fi
 }
 
 inline bool installTestModules(const std::string& hostRoot, const std::vector<std::string>& files) {
-    for (const std::string& f : files) {
-        if (!installTestModule(hostRoot, f)) return false;
-    }
-    return true;
+    return std::all_of(files.begin(), files.end(),
+                       [&](const std::string& f) { return installTestModule(hostRoot, f); });
 }
 #endif
 

@@ -171,7 +171,7 @@ TEST(StorageRootTest, CardThatComesAndGoesWhileThreadsResolve) {
     p.clock().onSleep([&](std::chrono::milliseconds) { p.makeDir("/storage/1A2B-3C4D"); });
     EXPECT_TRUE(isFileExistsExtSDcard("/storage/1A2B-3C4D/config.json"));
     EXPECT_FALSE(isFileExistsExtSDcard("/sdcard/Tellwick/missing.txt"));
-    EXPECT_EQ(p.clock().sleepCount(), 5u);
+    EXPECT_EQ(p.clock().sleeps().size(), 5u);
 }
 
 // Each module's folder, by its name in any case: "TellwickLTS/" sits beside the normal layout.
