@@ -1,8 +1,8 @@
 // One source for every test module library; its knobs are compile definitions (see
 // CMakeLists.txt):
 //
-//   VDTEST_NAME        getName()                      (VDTEST_NULL_NAME: returns null)
-//   VDTEST_VERSION     getVersion()                   (VDTEST_NULL_VERSION: returns null)
+//   VDTEST_NAME        getName()      (may be nullptr)
+//   VDTEST_VERSION     getVersion()   (may be nullptr)
 //   VDTEST_SHOULD_LOAD shouldLoad() result, 0 = load
 //   VDTEST_SETTINGS    what init() adds: 0 nothing, 1 every type, 2 the LTS setting, 3 the
 //                      checker's sound layout, with one fault per VDBROKEN_* switch
@@ -78,7 +78,8 @@ class TestModule : public Module {
     int init(moduleConfig& settings) override {
         if (const char* log = getenv("VDTEST_INIT_LOG")) {
             if (FILE* f = fopen(log, "a")) {
-                fputs(VDTEST_NAME "\n", f);
+                const char* name = VDTEST_NAME;
+                fprintf(f, "%s\n", name != nullptr ? name : "(null)");
                 fclose(f);
             }
         }
@@ -149,20 +150,8 @@ class TestModule : public Module {
     int prestop() override { return 0; }
     int stop() override { return 0; }
 
-    const char* getName() override {
-#ifdef VDTEST_NULL_NAME
-        return nullptr;
-#else
-        return VDTEST_NAME;
-#endif
-    }
-    const char* getVersion() override {
-#ifdef VDTEST_NULL_VERSION
-        return nullptr;
-#else
-        return VDTEST_VERSION;
-#endif
-    }
+    const char* getName() override { return VDTEST_NAME; }
+    const char* getVersion() override { return VDTEST_VERSION; }
 
     // An int set to "0" is objected to: (name, "<name> must be positive").
     int configVal(moduleConfig& settings, std::vector<std::string>& errors) override {
