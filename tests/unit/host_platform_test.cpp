@@ -7,7 +7,6 @@
 #include <atomic>
 #include <cstring>
 #include <filesystem>
-#include <fstream>
 #include <thread>
 
 #include "fakes/test_platform.h"
@@ -23,11 +22,6 @@ using vigild::testing::TestPlatform;
 
 class HostPlatformTest : public ::testing::Test {
   protected:
-    std::string store(const std::string& name) { return p.root() + "/dev/__properties__/" + name; }
-    void write(const std::string& hostPath, const std::string& content) {
-        fsys::create_directories(fsys::path(hostPath).parent_path());
-        std::ofstream(hostPath, std::ios::binary) << content;
-    }
     std::string get(const char* key) {
         char value[vigild::platform::kPropValueMax];
         const int n = props.get(key, value, "UNSET");
@@ -47,12 +41,12 @@ TEST_F(HostPlatformTest, PropertyFilesHoldTheValueWithOneOptionalNewline) {
         {"\n", "UNSET"}, {v91 + "\n", v91},  {v91 + "ww", v91},
     };
     for (const auto& [stored, expected] : reads) {
-        write(store("persist.sys.vd.autostart"), stored);
+        p.writeFile("/dev/__properties__/persist.sys.vd.autostart", stored);
         EXPECT_EQ(get("persist.sys.vd.autostart"), expected) << stored;
     }
     // A folder, or a name leading out of the store, is unset.
-    fsys::create_directories(store("dir"));
-    write(p.root() + "/dev/secret", "x");
+    p.makeDir("/dev/__properties__/dir");
+    p.writeFile("/dev/secret", "x");
     EXPECT_EQ(get("dir") + get("../secret"), "UNSETUNSET");
 
     EXPECT_EQ(props.set("persist.sys.vd.storage_path", v91.c_str()), 0);
