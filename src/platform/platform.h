@@ -3,7 +3,8 @@
 // same logic runs on a device, on a host device root and against test fakes.
 //
 // Backends: host/ (the host contract), android/ (bionic, liblog, libbinder; Android.bp
-// only) and tests/fakes (in-memory properties, temp root, recording log, virtual clock).
+// only) and tests/fakes (a temporary root with the host property store, a recording log, a
+// virtual clock, file writes that fail on demand).
 #pragma once
 
 #include <sys/types.h>
