@@ -148,10 +148,13 @@ TEST_F(CoreTest, EveryCommandOfTheTableRunsItsAction) {
 TEST_F(CoreTest, RefusedTransitionsOnlyResendTheState) {
     modulePair& a = add("A");
     const std::tuple<const char*, void (*)(), States> cases[] = {
-        {"start", start, {1, 2}}, {"stop", stop, {0, 2}}, {"restart", restartModules, {0, 2}}};
-    for (const auto& [name, op, refusedIn] : cases) {
+        {"vigild is running or transitioning no need to start", start, {1, 2}},
+        {"vigild is stopped or transitioning no need to stop", stop, {0, 2}},
+        {"vigild is not running no need to restart modules", restartModules, {0, 2}}};
+    for (const auto& [line, op, refusedIn] : cases) {
         for (int from : refusedIn) {
-            SCOPED_TRACE(name + std::string(" from ") + std::to_string(from));
+            SCOPED_TRACE(line + std::string(" from ") + std::to_string(from));
+            p.log().clear();
             service.clearRecords();
             runState = from;
             a.restartNeeded = 1;
@@ -159,6 +162,7 @@ TEST_F(CoreTest, RefusedTransitionsOnlyResendTheState) {
             EXPECT_EQ(runState.load(), from);
             EXPECT_EQ(service.states(), States{from});
             EXPECT_EQ(a.restartNeeded.load(), 1);  // the next start uses the new settings anyway
+            EXPECT_TRUE(p.log().contains(line, kLogInfo));
         }
     }
     EXPECT_TRUE(journal.events().empty());
@@ -251,8 +255,11 @@ TEST_F(CoreTest, OnlyABackwardJumpOfMoreThanTenSecondsWhileRunningNotifiesModule
         journal.clear();
         runState = state;
         p.clock().queueWallTimes({t1, t2});
+        p.log().clear();
         systemTimeCheker();
         EXPECT_EQ(journal.events(), notified ? Events{"A:time"} : Events{});
+        EXPECT_EQ(p.log().contains("System time has changed notify the modules", kLogInfo),
+                  notified);
     }
 }
 
@@ -302,6 +309,10 @@ TEST_F(CoreTest, EndOfFileMonitorRestartsTheEnabledLogcatModuleOncePerCycle) {
         exitRequested = 0;
     }
     p.clock().onSleep(nullptr);
+    EXPECT_EQ(
+        p.log().count("vigild::EOF! detected, starting counter measures to restart Logcat module",
+                      kLogInfo),
+        5);
 }
 
 // A module judges a copy of its settings; what it changed there comes back whole. addConfigInt
