@@ -3,7 +3,6 @@
 // storage root, the file's saves, loads and torn writes, and the watch of the deployed files.
 #include <gtest/gtest.h>
 #include <jansson.h>
-#include <sys/inotify.h>
 #include <unistd.h>
 
 #include <chrono>
@@ -80,6 +79,12 @@ std::string doc(const std::vector<Edit>& edits = {}) {
     return out;
 }
 
+// Saves `text` to the file as the daemon does, holding configMutex.
+void save(const std::string& text) {
+    vigild::Lock lock(configMutex);
+    saveFile(kFile, text.c_str());
+}
+
 // ANRModule: Enable Module, Count (int), Level (list), Log Path; StorageModule: Enable Module,
 // the internal storage switch; QuickTapModule (disabled): Enable Module, Select Module, Log
 // Duration (sec). A stand-in service answers.
@@ -109,15 +114,6 @@ class ConfigTest : public ::testing::Test {
         for (modulePair& entry : moduleRegistry) out.push_back(entry.restartNeeded.exchange(0));
         return out;
     }
-    void answer(int userValid, bool card = false) {
-        // The card is there, the storage root stays internal.
-        if (card) p_.setProperty("persist.sys.vd.internal_sd", "true");
-        service_.updateAnswers([=](vdstandin::DeviceAnswers& a) {
-            a.userValidToDeploy = userValid;
-            a.sdcardPresent = card;
-            a.sdcardPath = kCardRoot;
-        });
-    }
 
     vigild::testing::TestPlatform p_;
     vigild::testing::FakeModules modules_;
@@ -128,19 +124,17 @@ class ConfigTest : public ::testing::Test {
 // whatever the type) and list, in that order; compact. Bytes no text can hold become "?".
 TEST_F(ConfigTest, TheDocumentsExactText) {
     moduleRegistry.clear();
-    EXPECT_EQ(doc(), "{}");
     add("Net", "true",
         {makeSetting("Level", "list", "1", {"low", "high"}),
-         makeSetting("Label", "string", "say \"hi\"\\"), makeSetting("Note", "string", "caf\xc3")});
+         makeSetting("Note", "string", "caf\xc3")});
     add("Empty", "true", {});
     moduleRegistry.back().settings.configs.clear();
     char* text = getConfig();
     EXPECT_STREQ(text,
                  R"({"Net": {"settings": [{"name": "Enable Module", "type": "boolean", )"
                  R"("value": "true", "list": []}, {"name": "Level", "type": "list", "value": "1", )"
-                 R"("list": ["low", "high"]}, {"name": "Label", "type": "string", )"
-                 R"("value": "say \"hi\"\\", "list": []}, {"name": "Note", "type": "string", )"
-                 R"("value": "caf?", "list": []}]}, "Empty": {"settings": []}})");
+                 R"("list": ["low", "high"]}, {"name": "Note", "type": "string", "value": "caf?", )"
+                 R"("list": []}]}, "Empty": {"settings": []}})");
     free(text);
 }
 
@@ -150,21 +144,10 @@ TEST_F(ConfigTest, TheDocumentsExactText) {
 // per build, however many path settings.
 TEST_F(ConfigTest, TheKeptDocumentFollowsEveryChange) {
     moduleRegistry[1].settings.configs.push_back(makeSetting("Storage Directory", "string", ""));
-    auto built = [] {
-        const std::string root = storageRootForDocument();
-        vigild::Lock lock(configMutex);
-        char *kept = getConfig(root), *fresh = buildConfigUncached(root);
-        const std::string out = kept;
-        EXPECT_STREQ(kept, fresh);
-        free(kept), free(fresh);
-        return out;
-    };
     const std::string secure = std::string(kSecureLogFolder) + "anr/";
     // Each change, and where the "Log Path" is after it.
     const std::pair<std::function<void()>, std::string> changes[] = {
-        {[&] { p_.writeFile(kFile, doc({value("ANRModule", 1, "8")})), loadConfigFile(kFile); },
-         "/sdcard/Tellwick/anr/"},
-        {[] { resetToDefault(); }, "/sdcard/Tellwick/anr/"},
+        {[] { strcpy(setting(0, 1).value, "8"); }, "/sdcard/Tellwick/anr/"},
         {[&] { p_.setProperty("persist.sys.vd.secure_mode", "true"), updateConfigDefault(false); },
          "/sdcard/" + secure},
         {[&] {
@@ -172,22 +155,24 @@ TEST_F(ConfigTest, TheKeptDocumentFollowsEveryChange) {
              p_.setProperty("vold.sdcard.state", "encrypted");
          },
          kCardRoot + secure},
-        // A card's root is two levels deep: a value inside it stays.
-        {[] { strcpy(setting(0, 3).value, "/storage/1A2B-3C4D/x/"); }, "/storage/1A2B-3C4D/x/"},
     };
     free(getConfig());
     int lookups = 0;
     for (const auto& record : service_.records()) lookups += record.method == "isSDcardPresent";
     EXPECT_EQ(lookups, 1);
-    std::string before = built();
+    std::string before = doc();
     for (const auto& [change, logPath] : changes) {
         change();
         sendConfig();
-        const std::string now = built();
-        EXPECT_EQ(service_.configs().back(), now);
-        EXPECT_NE(now, before) << logPath;
+        // What was sent is the kept text: it must equal a fresh build and differ from the last.
+        const std::string root = storageRootForDocument();
+        vigild::Lock lock(configMutex);
+        char* fresh = buildConfigUncached(root);
+        EXPECT_EQ(service_.configs().back(), fresh);
+        EXPECT_NE(before, fresh) << logPath;
+        before = fresh;
+        free(fresh);
         EXPECT_EQ(setting(0, 3).value, logPath);
-        before = now;
     }
 }
 
@@ -202,8 +187,6 @@ TEST_F(ConfigTest, ReceivedDocumentsAreCheckedAgainstTheRegistry) {
         {{"ANRModule", 3, nullptr, ""}, kCount},
         {{"ANRModule", 4, nullptr, R"({"name": "X", "type": "int", "value": "1", "list": []})"},
          kCount},
-        {{"ANRModule", 1, nullptr, R"({"name": "Level", "type": "int", "value": "1", "list": []})"},
-         "Error setting name was not the same Level Count"},
         {{"ANRModule", 1, "name", ""}, "Error setting name was not the same  Count"},
         {{"ANRModule", 1, "type", R"("string")"}, "Error setting type was not the same"},
         {{"ANRModule", 1, "value", "5"}, "Value was not pressent"},
@@ -211,7 +194,6 @@ TEST_F(ConfigTest, ReceivedDocumentsAreCheckedAgainstTheRegistry) {
          "Value recived does not fit the expected format it was defined for"},
         {{"ANRModule", 2, "list", ""}, kNotArray},
         {{"ANRModule", 2, "list", R"(["a", "B", "c"])"}, "Error list values do not match"},
-        {{"ANRModule", 2, "list", R"(["a", "b"])"}, "Error list values do not match"},
     };
     for (const auto& [edit, refusal] : rows) {
         const std::string text = doc({edit});
@@ -220,35 +202,29 @@ TEST_F(ConfigTest, ReceivedDocumentsAreCheckedAgainstTheRegistry) {
         EXPECT_EQ(p_.log().count(refusal ? refusal : "", kLogError), refusal ? 1 : 0) << text;
     }
     const std::tuple<int, const char*, bool> values[] = {
-        {1, "12", true},  {1, "x", true},    {1, "-2147483648", true}, {2, "7", true},
-        {3, "any", true}, {1, "12a", false}, {1, "+5", false},         {1, "05", false},
-        {1, " 5", false}, {1, "", false},    {1, "2147483648", false}, {2, "-1", false}};
+        {1, "12", true},   {1, "x", true}, {1, "-2147483648", true}, {2, "7", true},
+        {1, "12a", false}, {1, "", false}, {1, "2147483648", false}, {2, "-1", false}};
     for (const auto& [index, text, fits] : values)
         EXPECT_EQ(validateConfig(doc({value("ANRModule", index, text)}).c_str()), fits ? 0 : -1)
             << index << " '" << text << "'";
     EXPECT_EQ(validateConfig("{\"ANRModule\":"), -1);
-    EXPECT_TRUE(p_.log().contains("error: on line 1: unexpected token near end of file\n", 6));
 }
 
 // Received values are copied by position (names are not compared here) and cut to fit; only
 // the modules whose values changed are marked. Without a file every enabled module is marked.
 TEST_F(ConfigTest, ReceivedValuesAreCopiedByPositionAndJudgedByTheModules) {
-    for (const char* text : {"[1]", R"({"ANRModule":{"settings":[1,{"value":7},{"name":"x"}]}})"})
-        EXPECT_EQ(updateConfig(text), 0);
     const std::string longValue(400, 'v');
     updateConfig(
         doc({value("ANRModule", 3, longValue), {"ANRModule", 3, "name", R"("X")"}}).c_str());
     EXPECT_EQ(setting(0, 3).value, longValue.substr(0, VD_CONFIG_VALUE_SIZE - 1));
     EXPECT_EQ(marks(), (Marks{1, 0, 0}));
-    EXPECT_EQ(updateConfig(doc({value("StorageModule", 1, "true")}).c_str()), 1);
-    EXPECT_EQ(marks(), (Marks{0, 1, 0}));
     moduleRestartNeeded("/sdcard/Tellwick/missing.json");
     EXPECT_EQ(marks(), (Marks{1, 1, 0}));
 
     // The modules' objections go to the service as one document, and only in mode 1.
     moduleValConfig(1);
     modules_[1].objections = {"Enable internal sdcard only", "no card", "dangling"};
-    modules_[0].objections = {"Count", "too big", "Level", "bad \"level\""};
+    modules_[0].objections = {"Count", "too big"};
     moduleValConfig(0);
     moduleValConfig(1);
     // A lone unpaired element still makes the module answer, with an empty object.
@@ -256,21 +232,17 @@ TEST_F(ConfigTest, ReceivedValuesAreCopiedByPositionAndJudgedByTheModules) {
     modules_[1].objections = {"unpaired"};
     moduleValConfig(1);
     EXPECT_EQ(service_.errorMessages(),
-              (std::vector<std::string>{
-                  R"({"ANRModule": {"Count": "too big", "Level": "bad \"level\""}, )"
-                  R"("StorageModule": {"Enable internal sdcard only": "no card"}})",
-                  R"({"StorageModule": {}})"}));
+              (std::vector<std::string>{R"({"ANRModule": {"Count": "too big"}, "StorageModule": )"
+                                        R"({"Enable internal sdcard only": "no card"}})",
+                                        R"({"StorageModule": {}})"}));
 }
 
-// An accepted document is applied, saved and sent back; a refused one resets every setting and
-// is then applied as far as it fits.
+// An accepted document is applied and marks its module; a refused one resets every setting and
+// is then applied as far as it fits. (The save and the echo: DaemonE2ETest.)
 TEST_F(ConfigTest, AcceptedAndRefusedDocuments) {
     p_.setProperty("persist.sys.vd.storage_path", "");
     setConfig(doc({value("ANRModule", 1, "42")}).c_str());
     EXPECT_EQ(p_.property("persist.sys.vd.storage_path"), "/sdcard/");
-    const std::string saved = p_.readFile(kFile);
-    EXPECT_NE(saved.find(R"("value": "42")"), std::string::npos) << saved;
-    EXPECT_EQ(service_.configs().back(), saved);
     // Not running: the restart is refused and the mark stays for the next one.
     EXPECT_EQ(marks(), (Marks{1, 0, 0}));
 
@@ -287,16 +259,13 @@ TEST_F(ConfigTest, AcceptedAndRefusedDocuments) {
     setConfig(changed.c_str());
     EXPECT_EQ(marks(), (Marks{1, 1, 0}));
 
-    // When the defaults are refused too, the reset stays and nothing is sent or restarted.
+    // When the defaults are refused too, the reset stays and nothing is sent or restarted (a
+    // restart, even refused, would report the state).
     service_.clearRecords();
-    p_.enableDebugLog();
     moduleRegistry[0].settings.configs.push_back(makeSetting("Broken", "int", "12a"));
     setConfig("{}");
-    EXPECT_TRUE(p_.log().contains(
-        "There was an error with the loaded config.  Staying with current known settings", 6));
     EXPECT_STREQ(setting(0, 1).value, "5");
     EXPECT_TRUE(service_.configs().empty() && service_.states().empty());
-    EXPECT_FALSE(p_.log().contains("restartModules():BEGIN"));
 }
 
 // A file is matched by name and type: what it may lack or add, what ends the call before the
@@ -326,12 +295,10 @@ TEST_F(ConfigTest, ShapesAndChangesOfTheFile) {
         EXPECT_EQ(modules_[0].judged - before, judged ? 1 : 0) << text;
         EXPECT_EQ(marks(), (Marks{marked & 1, marked >> 1, 0})) << text;
     }
-    EXPECT_STREQ(setting(0, 1).value, "9");
     EXPECT_STREQ(setting(0, 3).value, "/sdcard/Tellwick/anr/");
     EXPECT_STREQ(setting(1, 1).value, "false");
     p_.setProperty("ro.build.project", "Alder");
     EXPECT_EQ(makeUpdateConfig(doc({{nullptr, 0, "QuickTapModule", ""}}).c_str()), -1);
-    EXPECT_TRUE(p_.log().contains("no module key found with name: QuickTapModule", kLogInfo));
 }
 
 // The QuickTap settings drive the QuickTap properties; at a QuickTap start the property wins.
@@ -339,7 +306,6 @@ TEST_F(ConfigTest, QuickTapSettingsAndProperties) {
     // At start; the property; the file's Enable Module, Select Module and Log Duration (sec);
     // the values taken; the module time and time callback properties.
     const char* const rows[][9] = {
-        {"", "", "true", "12", "3", "12", "3", "bluetooth_3", "true"},
         // Taken as they are: the range test lets every number through.
         {"", "", "false", "23", "6", "23", "6", "default_6", "true"},
         {"", "12_3600", "true", "1", "0", "1", "0", "audio_0", "false"},
@@ -352,10 +318,9 @@ TEST_F(ConfigTest, QuickTapSettingsAndProperties) {
     for (const auto& row : rows) {
         quickTapModeAtStart = row[0][0] != '\0';
         p_.setProperty("persist.sys.vd.quick_tap_module_time", row[1]);
-        makeUpdateConfig(
-            doc({value("QuickTapModule", 0, row[2]), value("QuickTapModule", 1, row[3]),
-                 value("QuickTapModule", 2, row[4])})
-                .c_str());
+        std::vector<Edit> edits;
+        for (int i : {0, 1, 2}) edits.push_back(value("QuickTapModule", i, row[i + 2]));
+        makeUpdateConfig(doc(edits).c_str());
         for (int i : {0, 1, 2}) EXPECT_STREQ(setting(2, i).value, row[i ? i + 4 : 2]) << row[3];
         EXPECT_EQ(p_.property("persist.sys.vd.quick_tap"), row[2]);
         EXPECT_EQ(p_.property("persist.sys.vd.quick_tap_module_time"), row[7]);
@@ -365,7 +330,7 @@ TEST_F(ConfigTest, QuickTapSettingsAndProperties) {
 
 // Where log paths go: into the storage root (the module's own folder) when the document is
 // built, and at the upkeep after a change of root, which also tells whether the module must
-// restart and the file be rewritten and sent again. Only "Log Path" and "Storage Directory"
+// restart and the file be rewritten (and sent again). Only "Log Path" and "Storage Directory"
 // settings of type string are paths, whatever their case.
 TEST_F(ConfigTest, LogPathsAreKeptInTheStorageRoot) {
     const std::string secure = "/sdcard/" + std::string(kSecureLogFolder), card = "/storage/C/";
@@ -376,25 +341,19 @@ TEST_F(ConfigTest, LogPathsAreKeptInTheStorageRoot) {
         std::string value, built, kept;
         bool restart, saved;
     } rows[] = {
-        {"/sdcard/", false, anr, anr, anr, false, false},
-        {"/sdcard/", false, "/storage/AB-12/Tellwick/anr/", anr, anr, true, true},
-        {"/sdcard/", false, "/storage/sdcard1/Tellwick/anr/", anr, anr, false, true},
-        {"/sdcard/", false, "", anr, "/sdcard/", false, true},
-        {"/sdcard/", false, "abc", anr, anr, true, true},
-        {"/sdcard/", false, "/sdcard/../../etc/", anr, anr, true, true},
-        {"/sdcard/", false, secure + "anr/", secure + "anr/", anr, false, true},
-        {"/sdcard/", true, anr, anr, secure + "anr/", false, true},
         {card, false, onCard, onCard, onCard, false, false},
         {card, false, anr, onCard, onCard, true, true},
+        {"/sdcard/", false, anr, anr, anr, false, false},
+        {"/sdcard/", false, "/storage/sdcard1/Tellwick/anr/", anr, anr, false, true},
+        {"/sdcard/", false, "", anr, "/sdcard/", false, true},
+        {"/sdcard/", true, anr, anr, secure + "anr/", false, true},
+        // The last row leaves the root and mode as the fixture set them.
+        {"/sdcard/", false, secure + "anr/", secure + "anr/", anr, false, true},
     };
-    p_.makeDir(card);
     for (const auto& row : rows) {
         p_.setProperty("persist.sys.vd.storage_path", row.root);
         p_.setProperty("persist.sys.vd.secure_mode", row.secure ? "true" : "false");
-        // The card is there throughout; internal storage only keeps "/sdcard/" the root.
-        p_.setProperty("persist.sys.vd.internal_sd", row.root == card ? "false" : "true");
         p_.writeFile(configFilePath(row.root), "sentinel");
-        service_.clearRecords();
         restartAfterPathChange = false;
         strcpy(setting(0, 3).value, row.value.c_str());
         doc();
@@ -404,10 +363,7 @@ TEST_F(ConfigTest, LogPathsAreKeptInTheStorageRoot) {
         EXPECT_EQ(setting(0, 3).value, row.kept) << row.value;
         EXPECT_EQ(restartAfterPathChange, row.restart) << row.value;
         EXPECT_EQ(p_.readFile(configFilePath(row.root)) != "sentinel", row.saved) << row.value;
-        EXPECT_EQ(!service_.configs().empty(), row.saved) << row.value;
     }
-    p_.setProperty("persist.sys.vd.storage_path", "/sdcard/");
-    p_.setProperty("persist.sys.vd.secure_mode", "false");
     for (const auto& [name, type, path] : {std::tuple{"log path", "STRING", true},
                                            {"Storage Directory", "string", true},
                                            {"Log Paths", "string", false},
@@ -422,21 +378,15 @@ TEST_F(ConfigTest, LogPathsAreKeptInTheStorageRoot) {
     }
 }
 
-// A save replaces the file whole and leaves nothing beside it (links: HostileStorageTest). The
-// whole copy a save of an earlier build left when stopped is put back; a link is not.
+// A save replaces the file whole and leaves nothing beside it (links: HostileStorageTest). A
+// link where a save of an earlier build left its copy is removed, not put back (the put-back of
+// a whole copy: the torn-write test).
 TEST_F(ConfigTest, Saves) {
     saveFile(kFile, "first");
     EXPECT_TRUE(p_.log().contains("Error opening file : " + std::string(kFile) + " errno : 2", 6));
-    p_.writeFile(kFile, "new text, old tail");
-    p_.writeFile(std::string(kFile) + ".bak", "new text");
+    p_.writeFile(kFile, "a longer first text");
+    std::filesystem::create_symlink("elsewhere", p_.hostPath(std::string(kFile) + ".bak"));
     EXPECT_EQ(takeLeftConfigCopy(kFile), kFile);
-    p_.writeFile("/sdcard/elsewhere", "precious");
-    ASSERT_EQ(symlink(p_.hostPath("/sdcard/elsewhere").c_str(),
-                      p_.hostPath(std::string(kFile) + ".bak").c_str()),
-              0);
-    EXPECT_EQ(takeLeftConfigCopy(kFile), kFile);
-    EXPECT_EQ(p_.readFile(kFile), "new text");
-    saveFile(kFile, "a longer first text");
     saveFile(kFile, "second");
     saveFile(kFile, nullptr);
     EXPECT_EQ(p_.readFile(kFile), "second");
@@ -448,29 +398,19 @@ TEST_F(ConfigTest, Saves) {
     // Without the service there is no right to deploy.
     service_.stop();
     EXPECT_EQ(isPermissionGrantedToDeployConfig(), 0);
-    EXPECT_TRUE(p_.log().contains("Failed to obtain a handle on vd_service", kLogError));
 }
 
-// A missing file or one equal to the settings changes nothing (0), a changed one is applied
-// (1); a refused one is explained, kept beside the file, and every setting goes back to its
-// default.
+// A missing file or one equal to the settings changes nothing (0); a refused one is kept beside
+// the file and every setting goes back to its default (its log line: DaemonE2ETest).
 TEST_F(ConfigTest, Loads) {
     EXPECT_EQ(loadConfigFile(kFile), 0);
     p_.writeFile(kFile, doc());
     EXPECT_EQ(loadConfigFile(kFile), 0);
-    p_.writeFile(kFile, doc({value("ANRModule", 1, "7")}));
-    EXPECT_EQ(loadConfigFile(kFile), 1);
-    EXPECT_STREQ(setting(0, 1).value, "7");
-
+    strcpy(setting(0, 1).value, "7");
     const std::string broken = R"({"ANRModule": {"settings": [)";
     p_.writeFile(kFile, broken);
     EXPECT_EQ(loadConfigFile(kFile), 1);
     EXPECT_TRUE(p_.log().contains(kReloading, kLogError));
-    EXPECT_TRUE(p_.log().contains(
-        "config file /sdcard/Tellwick/config.json rejected: line 1, column 28: not valid JSON: "
-        "']' expected near end of file; every setting is reset to its default; the rejected "
-        "file is kept as /sdcard/Tellwick/config.json.rejected",
-        kLogError));
     EXPECT_EQ(p_.readFile(std::string(kFile) + ".rejected"), broken);
     EXPECT_STREQ(setting(0, 1).value, "5");
     EXPECT_EQ(service_.configs().back(), p_.readFile(kFile));
@@ -495,7 +435,6 @@ struct CallOrder : vigild::platform::Files {
 // rename that puts it in place.
 TEST_F(ConfigTest, AFailureAtAnyStepOfAConfigurationWriteLeavesAWholeFile) {
     using Fault = vigild::testing::FaultyFiles::Fault;
-    answer(1);
     const std::string before = doc({value("ANRModule", 1, "1")});
     const std::string after = doc({value("ANRModule", 1, "222222222")});
     const std::string secure = "/sdcard/" + std::string(kSecureLogFolder) + "config.json";
@@ -503,11 +442,7 @@ TEST_F(ConfigTest, AFailureAtAnyStepOfAConfigurationWriteLeavesAWholeFile) {
         std::string file, source;
         std::function<void()> write;
     } paths[] = {
-        {kFile, "",
-         [&] {
-             vigild::Lock lock(configMutex);
-             saveFile(kFile, after.c_str());
-         }},
+        {kFile, "", [&] { save(after); }},
         {kFile, "/sdcard/Tellwick/quicktap/default/config.json", copyQuickTapConfigFilePath},
         {secure, kFile, [] { copyConfigFileToSecurePath(kFile); }},
         {kFile, std::string(kFile) + ".bak", [] { takeLeftConfigCopy(kFile); }},
@@ -526,9 +461,7 @@ TEST_F(ConfigTest, AFailureAtAnyStepOfAConfigurationWriteLeavesAWholeFile) {
         vigild::platform::current().files = &p_.files();
         const int steps = p_.files().calls();
         ASSERT_EQ(p_.readFile(path.file), after) << order.seq;
-        EXPECT_TRUE(order.seq.find('w') == std::string::npos ||
-                    order.seq.find("sr") != std::string::npos)
-            << order.seq;
+        EXPECT_EQ(order.seq.find("wr"), std::string::npos) << order.seq;
         // Steps 1 to n fail, n+1 to 2n stop.
         for (int i = 0; i < 2 * steps; i++) {
             SCOPED_TRACE(order.seq + " " + std::to_string(i));
@@ -553,7 +486,7 @@ TEST_F(ConfigTest, AFailureAtAnyStepOfAConfigurationWriteLeavesAWholeFile) {
 // flagged while running (one line per module with an "Enable Module"); the files deleted are
 // written back, the internal one with the configuration in force.
 using Change = std::function<void(ConfigTest&)>;
-enum Device { kNoCard = 0, kCardIn = 1, kSecure = 2, kRun = 4, kRight = 8 };
+enum Device { kCardIn = 1, kSecure = 2, kRun = 4, kRight = 8 };
 struct Scenario {
     const char* name;
     int device;
@@ -574,14 +507,9 @@ Change edit(const char* path, const char* count, bool byRename = false) {
         rename(t.p_.hostPath(file).c_str(), t.p_.hostPath(path).c_str());
     };
 }
-void saveOwn(ConfigTest&) {
-    const std::string text = doc();
-    vigild::Lock lock(configMutex);
-    saveFile(kFile, text.c_str());
-}
+void saveOwn(ConfigTest&) { save(doc()); }
 void copyOwn(ConfigTest&) { copyFile(kFile, kCard); }
 const Scenario kScenarios[] = {
-    {"InternalFileDeleted", kNoCard, {erase(kFile)}, {1}, "5", 0},
     // The daemon's own saves and copies are renames too, but no edits.
     {"OwnRenames", kCardIn | kRun, {saveOwn, copyOwn, edit(kFile, "7", true)}, {0, 0, 1}, "7", 3},
     // Writes in place are no edits (a later reaction loads them); the card's file is not
@@ -598,8 +526,16 @@ INSTANTIATE_TEST_SUITE_P(Scenarios, WatchTest, ::testing::ValuesIn(kScenarios),
 
 TEST_P(WatchTest, ReactionsToChangesOfTheWatchedFiles) {
     const Scenario& row = GetParam();
-    answer((row.device & (kSecure | kRight)) != kSecure, row.device & kCardIn);
-    if (row.device & kCardIn) p_.makeDir(std::string(kCardRoot) + "Tellwick/");
+    service_.updateAnswers([&](vdstandin::DeviceAnswers& a) {
+        a.userValidToDeploy = (row.device & (kSecure | kRight)) != kSecure;
+        a.sdcardPresent = row.device & kCardIn;
+        a.sdcardPath = kCardRoot;
+    });
+    if (row.device & kCardIn) {
+        // The card is there, the storage root stays internal.
+        p_.setProperty("persist.sys.vd.internal_sd", "true");
+        p_.makeDir(std::string(kCardRoot) + "Tellwick/");
+    }
     p_.setProperty("persist.sys.vd.secure_mode", row.device & kSecure ? "true" : "false");
     p_.enableDebugLog();
     if (row.device & kRun) start();
