@@ -9,20 +9,17 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <functional>
 #include <map>
-#include <random>
 #include <set>
 #include <sstream>
 #include <thread>
 
 #include "config/config_file.h"
 #include "config/document.h"
-#include "core/builtin_modules.h"
 #include "core/daemon_state.h"
 #include "core/log.h"
 #include "core/module_registry.h"
@@ -46,6 +43,7 @@ using vigild::testing::finishesWithin;
 using vigild::testing::TestPlatform;
 
 const std::string kSecure = "Android/data/com.tandril.tellwick/Tellwick/secure/log_data/";
+const std::string kChown = "chown -R system:ext_data_rw /sdcard/Android/data/com.tandril.tellwick/";
 
 std::vector<std::string> words(const std::string& text) {
     std::istringstream in(text);
@@ -66,11 +64,7 @@ std::string outside(TestPlatform& p, bool plant = false) {
     return ::testing::PrintToString(entries);
 }
 
-int openDescriptors() {
-    int n = 0;
-    for (const auto& fd : fs::directory_iterator("/proc/self/fd")) n += !fd.path().empty();
-    return n;
-}
+long openDescriptors() { return std::distance(fs::directory_iterator("/proc/self/fd"), {}); }
 
 // Swaps each named folder for a link to "/outside" the moment a walk logs its path ("remove
 // /sdcard/Tellwick//sub"): after the walk has read the entry as a folder, before it goes in.
@@ -85,12 +79,11 @@ struct LinkWhenLogged : vigild::platform::LogSink {
         std::string path = strchr(text, '/') ? strchr(text, '/') : "";
         for (size_t at; (at = path.find("//")) != std::string::npos;) path.erase(at, 1);
         if (folders.erase(path) == 0) return;
-        linked.insert(path);
         fs::rename(p.hostPath(path), p.hostPath("/m" + std::to_string(folders.size())));
         fs::create_directory_symlink(p.hostPath("/outside"), p.hostPath(path));
     }
     TestPlatform& p;
-    std::set<std::string> folders, linked;  // to swap; swapped
+    std::set<std::string> folders;  // still to swap
     vigild::platform::LogSink* const next = vigild::platform::current().log;
 };
 
@@ -107,10 +100,8 @@ TEST(StorageRootTest, RootAndLayoutByModeCardAndProperties) {
         {"", nullptr, "/sdcard/", "iS iT"},
         {"storage_path=/data/logs/", nullptr, "/sdcard/", "iT"},
         // Secure mode empties the normal layout.
-        {"storage_path=/sdcard/ secure_mode=true", nullptr, "/sdcard/", "iS chown"},
         {"storage_path=/sdcard/ secure_mode=true ro.tandril.platform.name=cedar2", nullptr, "/sdcard/", "iS chown"},
         {"storage_path=/sdcard/ secure_mode=true ro.tandril.platform.name=cedar", nullptr, "/sdcard/", "iS"},
-        {"storage_path=/sdcard/", "1A2B-3C4D", "/storage/1A2B-3C4D/", "cT iT"},
         {"storage_path=/sdcard/ internal_sd=false", "1a2b-3c4d", "/storage/1a2b-3c4d/", "cT iT"},
         {"storage_path=/sdcard/", "1A2B3C4D", "/sdcard/", "cS cT iT"},
         {"storage_path=/sdcard/ internal_sd=true", "1A2B-3C4D", "/sdcard/", "cS cT iT"},
@@ -140,11 +131,7 @@ TEST(StorageRootTest, RootAndLayoutByModeCardAndProperties) {
         EXPECT_EQ(p.property("persist.sys.vd.storage_path", "-"), *c.properties ? c.root : "-");
         std::string kept;
         for (const auto& [code, file] : logs) kept += p.exists(file) ? code + " " : "";
-        const auto run = p.processes().commands();
-        if (std::count(run.begin(), run.end(),
-                       "chown -R system:ext_data_rw /sdcard/Android/data/com.tandril.tellwick/")) {
-            kept += "chown ";
-        }
+        for (const auto& run : p.processes().commands()) kept += run == kChown ? "chown " : run;
         EXPECT_EQ(kept, c.kept + std::string(" "));
     }
 }
@@ -174,30 +161,40 @@ TEST(StorageRootTest, CardThatComesAndGoesWhileThreadsResolve) {
     EXPECT_EQ(p.clock().sleeps().size(), 5u);
 }
 
-// Each module's folder, by its name in any case: "TellwickLTS/" sits beside the normal layout.
+// A module's folder, by its name in any case (one row per kind: the lookup is one branch); a
+// name that only starts like one is unknown; "TellwickLTS/" sits beside the normal layout.
 TEST(StorageRootTest, ModuleLogFolders) {
     TestPlatform p;
-    p.setProperty("persist.sys.vd.storage_path", "/sdcard/");
-    p.setProperty("ro.tandril.platform.name", "cedar");
     const auto rows = words(
-        "ANRModule anr/ btsnooplogmodule btsnooplog/ QXDMMODULE qxdm/logs/ RamoopsModule "
-        "ramoops/ RecoveryModule recovery/ SnapshotModule snapshots/ TCPDumpModule tcpdump/ "
-        "TombstoneModule tombstone/ ANRModule2 . LTSModule TellwickLTS/");
+        "btsnooplogmodule btsnooplog/ QXDMMODULE qxdm/logs/ ANRModule2 . LTSModule TellwickLTS/");
     for (size_t i = 0; i < rows.size(); i += 2) {
         const std::string folder = rows[i + 1] == "." ? "" : rows[i + 1];
         p.setProperty("persist.sys.vd.secure_mode", "false");
-        EXPECT_EQ(returnCorrectedLogPath(rows[i]),
-                  (rows[i] == "LTSModule" ? "/sdcard/" : "/sdcard/Tellwick/") + folder);
+        EXPECT_EQ(returnCorrectedLogPath(rows[i], "/r/"),
+                  (rows[i] == "LTSModule" ? "/r/" : "/r/Tellwick/") + folder);
         p.setProperty("persist.sys.vd.secure_mode", "true");
-        EXPECT_EQ(returnCorrectedLogPath(rows[i]), "/sdcard/" + kSecure + folder);
+        EXPECT_EQ(returnCorrectedLogPath(rows[i], "/r/"), "/r/" + kSecure + folder);
     }
 }
+
+// The companion service answering and "/sdcard/" chosen as the storage root.
+class StorageTest : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        p.enableDebugLog();
+        ASSERT_TRUE(service.start());
+        p.setProperty("persist.sys.vd.storage_path", "/sdcard/");
+    }
+    TestPlatform p;
+    vdstandin::StandinService service{p.root()};
+};
+using LogDeletionTest = StorageTest;
 
 // "delete_logs" as the companion service asks for it, in both layouts, each case once as it is
 // and once with the walked folders swapped for links to outside (whose content then is out of
 // the tree). Paths are below "/sdcard/Tellwick/", "S/" below the secure folder; "big/" holds
 // more than one directory read.
-TEST(LogDeletionTest, DeleteTypeByLayoutWithAndWithoutLinks) {
+TEST_F(LogDeletionTest, DeleteTypeByLayoutWithAndWithoutLinks) {
     constexpr int kNoService = 99;
     // clang-format off
     const struct {
@@ -208,14 +205,8 @@ TEST(LogDeletionTest, DeleteTypeByLayoutWithAndWithoutLinks) {
         {1, "TwInfo.txt config.json Backup1.zip sub/Backup2.zip", "TwInfo.txt config.json SecureBackup1.zip"},
         {2, "TwInfo.txt config.json config.json.rejected log.txt sub/a.log big/0.log", "TwInfo.txt config.json S/a.log S/modem/m.log"},
         {3, "TwInfo.txt config.json Backup1.zip sub/Backup2.zip", "TwInfo.txt config.json SecureBackup1.zip"},
-        {-1, "TwInfo.txt config.json Backup1.zip sub/Backup2.zip", "TwInfo.txt config.json SecureBackup1.zip"},
         {kNoService, "TwInfo.txt config.json", "TwInfo.txt config.json"}};
     // clang-format on
-    TestPlatform p;
-    p.enableDebugLog();
-    vdstandin::StandinService service(p.root());
-    ASSERT_TRUE(service.start());
-    p.setProperty("persist.sys.vd.storage_path", "/sdcard/");
     p.setProperty("ro.tandril.platform.name", "cedar");
     auto path = [](const std::string& name) {
         return name.rfind("S/", 0) == 0 ? "/sdcard/" + kSecure + name.substr(2)
@@ -241,23 +232,22 @@ TEST(LogDeletionTest, DeleteTypeByLayoutWithAndWithoutLinks) {
             const std::string before = outside(p, true);
             p.setProperty("persist.sys.vd.secure_mode", secure ? "true" : "false");
             p.log().clear();
-            std::set<std::string> linked = {"/sdcard/Tellwick/sub", "/sdcard/" + kSecure + "modem"};
-            if (!link) linked.clear();
+            std::set<std::string> linked;
+            if (link) linked = {"/sdcard/Tellwick/sub", "/sdcard/" + kSecure + "modem"};
+            // Type 2 leaves the secure folder alone.
+            if (secure && c.type == 2) linked.erase("/sdcard/" + kSecure + "modem");
             LinkWhenLogged swap(p, linked);
 
             deleteTwLogs();
 
-            // The walks went into both folders (type 2 leaves the secure one alone).
-            if (link && secure && c.type == 2) linked.erase("/sdcard/" + kSecure + "modem");
-            EXPECT_EQ(swap.linked, linked);
+            EXPECT_EQ(swap.folders, std::set<std::string>());  // the walks went into each
             const auto kept = words(secure ? c.secure : c.normal);
-            std::set<std::string> expected(kept.begin(), kept.end());
-            std::set<std::string> left;
+            std::set<std::string> expected(kept.begin(), kept.end()), left;
             for (const auto& name : names) {
-                if (p.exists(path(name))) left.insert(name);
-                if (swap.linked.count(path(name).substr(0, path(name).rfind('/')))) {
-                    expected.erase(name);
-                }
+                const std::string file = path(name);
+                // What was behind a link is outside the tree now.
+                if (linked.count(file.substr(0, file.rfind('/')))) expected.erase(name);
+                if (p.exists(file)) left.insert(name);
             }
             EXPECT_EQ(left, expected);
             EXPECT_EQ(p.exists(path("big")), c.type == 2 && !secure);
@@ -269,12 +259,9 @@ TEST(LogDeletionTest, DeleteTypeByLayoutWithAndWithoutLinks) {
     }
 }
 
-TEST(LogDeletionTest, EdgesOfTheWalks) {
-    TestPlatform p;
+TEST_F(LogDeletionTest, EdgesOfTheWalks) {
     // From internal storage, the card to clean is the one the companion service names.
     p.writeFile("/storage/1A2B-3C4D/Tellwick/SecureBackup1.zip", "x");
-    vdstandin::StandinService service(p.root());
-    ASSERT_TRUE(service.start());
     for (int present : {0, 1}) {
         service.updateAnswers([&](vdstandin::DeviceAnswers& a) {
             a.sdcardPresent = present;
@@ -283,9 +270,8 @@ TEST(LogDeletionTest, EdgesOfTheWalks) {
         removeSecureLogs("/sdcard/");
         EXPECT_EQ(p.exists("/storage/1A2B-3C4D/Tellwick/SecureBackup1.zip"), present == 0);
     }
-    // A missing top folder: nothing happens; a file in its place goes.
+    // A file in place of the top folder goes.
     p.writeFile("/sdcard/other.txt", "x");
-    EXPECT_EQ(deleteLogFilesUnsecure("/sdcard/Tellwick/", 0), -1);
     EXPECT_EQ(deleteLogFilesUnsecure("/sdcard/other.txt", 0), -1);
     EXPECT_FALSE(p.exists("/sdcard/other.txt"));
     // Taking over for secure mode stops at a folder it cannot empty.
@@ -297,16 +283,10 @@ TEST(LogDeletionTest, EdgesOfTheWalks) {
     // Deep trees: a walk that recursed without a bound would overflow the stack, one that held
     // every level open would run out of descriptors. The log walks stop at a depth no log tree
     // has; remove_all goes to the end, holding far fewer descriptors than levels.
-    int fd = open(p.hostPath("/sdcard/Tellwick/").c_str(), O_RDONLY | O_DIRECTORY);
-    for (int i = 0; i < 1000 && fd >= 0; i++) {
-        mkdirat(fd, "d", 0755);
-        const int next = openat(fd, "d", O_RDONLY | O_DIRECTORY);
-        close(fd);
-        fd = next;
-    }
-    ASSERT_GE(fd, 0);
-    close(fd);
-    const int before = openDescriptors();
+    std::string deep = p.hostPath("/sdcard/Tellwick");
+    for (int i = 0; i < 1000; i++) deep += "/d";
+    ASSERT_TRUE(fs::create_directories(deep));
+    const long before = openDescriptors();
     EXPECT_EQ(deleteLogFilesUnsecure("/sdcard/Tellwick", 0), -1);
     EXPECT_EQ(deleteUnsecureLogData("/sdcard/Tellwick"), -1);
     EXPECT_TRUE(p.log().contains("deleteUnsecureLogData::Failed to delete directory", kLogError));
@@ -321,29 +301,15 @@ TEST(LogDeletionTest, EdgesOfTheWalks) {
     EXPECT_EQ(openDescriptors(), before);
 }
 
-TEST(LogDeletionTest, ResetToDefaultAndTheSecureCopy) {
-    TestPlatform p;
-    QuickTapModule quickTap;
-    quickTap.init(moduleRegistry.emplace_back(&quickTap).settings);
-    for (Module::config& c : moduleRegistry.back().settings.configs) strcpy(c.value, "1");
-    vdstandin::StandinService service(p.root());
-    ASSERT_TRUE(service.start());
-    p.setProperty("persist.sys.vd.storage_path", "/sdcard/");
+// "Internal storage only" goes with the other settings, so the document is saved on the card
+// it frees (values back to defaults: CoreTest, ConfigTest; the secure copy: ConfigTest).
+TEST_F(LogDeletionTest, ResetToDefaultSavesWhatItSendsOnTheFreedCard) {
     p.setProperty("persist.sys.vd.internal_sd", "true");
+    p.makeDir("/storage/1A2B-3C4D");
     resetToDefault();
-    for (const Module::config& c : moduleRegistry.back().settings.configs) {
-        EXPECT_STREQ(c.value, c.defaultValue) << c.name;
-    }
     EXPECT_EQ(p.property("persist.sys.vd.internal_sd"), "false");
     ASSERT_EQ(service.configs().size(), 1u);
-    EXPECT_EQ(service.configs()[0], p.readFile("/sdcard/Tellwick/config.json"));
-
-    // In secure mode the configuration is also kept in the secure folder.
-    p.setProperty("persist.sys.vd.secure_mode", "true");
-    p.enableDebugLog();
-    EXPECT_TRUE(copyConfigFileToSecurePath("  /sdcard/Tellwick/config.json\n"));
-    EXPECT_EQ(p.readFile("/sdcard/" + kSecure + "config.json"), service.configs()[0]);
-    EXPECT_TRUE(p.log().contains("copyConfigFileToSecurePath::isCopied 1"));
+    EXPECT_EQ(service.configs()[0], p.readFile("/storage/1A2B-3C4D/Tellwick/config.json"));
 }
 
 // A link to outside put in place of each folder below the storage root (and of the last entry)
@@ -363,7 +329,6 @@ TEST(HostileStorageTest, ALinkAtAnyComponentOfAWritePathLeadsNowhere) {
         {"/sdcard/Tellwick/logs/b.txt", [] { deleteUnsecureLogData("/sdcard/Tellwick/logs"); }},
         {"/sdcard/Tellwick/SecureBackup1.zip", [] { deleteSecureBackup("/sdcard/Tellwick/"); }},
         {"/sdcard/" + kSecure + "a.log", [] { removeSecureLogs("/sdcard/"); }},
-        {"/sdcard/" + kSecure + "a.log", [] { deleteLogFilesSecure("/sdcard/", 0); }},
         {"/sdcard/Tellwick/logs/inner/", [] { remove_all("/sdcard/Tellwick/logs/inner"); }},
         {"/sdcard/Tellwick/logs/inner/", [] { mkdir_all("/sdcard/Tellwick/logs/inner/x/"); }},
         {"/sdcard/Android/data/com.tandril.tellwick/", [&p] { p.setProperty("persist.sys.vd.secure_mode", "true"); getDefaultDirectory(); }}};
@@ -399,26 +364,24 @@ TEST(HostileStorageTest, ALinkAtAnyComponentOfAWritePathLeadsNowhere) {
 TEST(HostileStorageTest, LogFolderValuesLeadingElsewhere) {
     std::istringstream list(
         "/sdcard/Tellwick/my logs/|/sdcard/Tellwick/caf\xC3\xA9/|/sdcard/Tellwick/a..b/|"
-        "/sdcard/Tellwick/./anr/|/sdcard/../../etc/|/sdcard/Tellwick/../../../etc/|"
-        "/storage/emulated/0/..|/sdcard/Tellwick/anr\n/|/sdcard/Tellwick/\x01x/|"
-        "/sdcard/Tellwick/anr\x7f/|/sdcard/Tellwick/\xE2\x80\x8B\x61nr/|"
+        "/sdcard/Tellwick/./anr/|/sdcard/../../etc/|/storage/emulated/0/..|"
+        "/sdcard/Tellwick/anr\n/|/sdcard/Tellwick/anr\x7f/|/sdcard/Tellwick/\xE2\x80\x8B\x61nr/|"
         "/sdcard/Tellwick/anr/\xEF\xBB\xBF|/sdcard/Tellwick/anr/ |/sdcard/Tellwick/ anr/|"
         "/sdcard/Tellwick/\xC2\xA0/");
-    std::vector<std::string> values;
-    for (std::string value; std::getline(list, value, '|');) values.push_back(value);
     TestPlatform p;
     p.setProperty("persist.sys.vd.storage_path", "/sdcard/");
     vigild::testing::FakeModule module("ANRModule");
-    for (size_t i = 0; i < values.size(); i++) {
-        const bool clean = i < 4;  // the first four name what they show
-        EXPECT_EQ(isCleanLogPath(values[i]), clean) << testing::PrintToString(values[i]);
+    int row = 0;
+    for (std::string value; std::getline(list, value, '|'); row++) {
+        const bool clean = row < 4;  // the first four name what they show
+        EXPECT_EQ(isCleanLogPath(value), clean) << testing::PrintToString(value);
         for (bool fromDefaults : {false, true}) {
             vigild::testing::registerModule(module).settings.configs = {
-                vigild::testing::makeSetting("Log Path", "string", values[i].c_str())};
+                vigild::testing::makeSetting("Log Path", "string", value.c_str())};
             Module::config& c = moduleRegistry.back().settings.configs[0];
             snprintf(c.defaultValue, sizeof(c.defaultValue), "/sdcard/Tellwick/anr/");
             fromDefaults ? updateConfigDefault(false) : free(getConfig());
-            EXPECT_EQ(c.value, clean ? values[i] : "/sdcard/Tellwick/anr/") << fromDefaults;
+            EXPECT_EQ(c.value, clean ? value : "/sdcard/Tellwick/anr/") << fromDefaults;
             moduleRegistry.clear();
         }
     }
@@ -474,9 +437,8 @@ TEST_F(FileTest, CopyFile) {
     const std::string before = outside(p);
     // Byte-exact past one copy chunk, and a longer file in its place is replaced whole; a hard
     // link there keeps its other name's content; a copy onto itself keeps the file.
-    std::string data(3 * 1024 * 1024 + 7, '\0');
-    std::mt19937 random(42);
-    for (char& c : data) c = static_cast<char>(random());
+    std::string data;  // NUL bytes included; no stretch of it repeats another
+    for (int i = 0; data.size() < 3 * 1024 * 1024 + 7; i++) data += std::to_string(i) + '\0';
     p.writeFile("/data/bugreport.zip", data);
     p.writeFile("/sdcard/Tellwick/bugreport.zip", std::string(4 * 1024 * 1024, 'x'));
     EXPECT_TRUE(copyFile("/data/bugreport.zip", "/sdcard/Tellwick/bugreport.zip"));
@@ -524,45 +486,39 @@ TEST_F(FileTest, MkdirAllAndRemoveAll) {
     EXPECT_TRUE(fs::is_directory(p.hostPath("/sdcard/Tellwick/a/b")));
     EXPECT_TRUE(fs::is_directory(p.hostPath("/mnt/card/Tellwick")));
     link(p.hostPath("/outside"), "/sdcard/Tellwick/linked");
-    // A path over the limit, a way out of the root, a link on the way.
+    // A path over the limit, a way out of the root, a link as the folder to make (links on the
+    // way: HostileStorageTest).
     for (const auto& [path, error] : std::initializer_list<std::pair<std::string, int>>{
              {"/sdcard/" + std::string(4096 - 8, 'a'), ENAMETOOLONG},
              {"/sdcard/../escape", EINVAL},
-             {"/sdcard/Tellwick/linked/logs/", ELOOP}}) {
+             {"/sdcard/Tellwick/linked/", ELOOP}}) {
         errno = 0;
         EXPECT_EQ(mkdir_all(path.c_str()), -1) << path.substr(0, 40);
         EXPECT_EQ(errno, error) << path.substr(0, 40);
     }
-    EXPECT_FALSE(p.exists("/sdcard/aaaa"));
     EXPECT_FALSE(p.exists("/escape"));
 
     EXPECT_EQ(remove_all("/sdcard/missing"), -1);
     EXPECT_EQ(remove_all("/sdcard/fifo"), -1);  // not a directory: removed all the same
     EXPECT_FALSE(p.exists("/sdcard/fifo"));
-    // Links inside go as links; one on the way to the path stops it.
+    // Links inside go as links; one given as the path goes, and nothing behind it.
     p.writeFile("/sdcard/logs/sub/b.txt", "b");
     link(p.hostPath("/outside"), "/sdcard/logs/to_dir");
     link(p.hostPath("/outside/secret"), "/sdcard/logs/sub/to_file");
-    EXPECT_EQ(remove_all("/sdcard/Tellwick/linked/inner"), -1);
     EXPECT_EQ(remove_all("/sdcard/link"), -1);
     EXPECT_EQ(remove_all("/sdcard/logs/"), 0);
-    EXPECT_TRUE(p.log().contains("remove /sdcard/logs//sub/b.txt", kLogDebug));
     EXPECT_FALSE(p.exists("/sdcard/logs"));
     EXPECT_FALSE(fs::is_symlink(p.hostPath("/sdcard/link")));
     EXPECT_EQ(outside(p), before);
 }
 
-bool hasChildren() {
-    int status = 0;
-    return waitpid(-1, &status, WNOHANG) != -1 || errno != ECHILD;
-}
+bool hasChildren() { return waitpid(-1, nullptr, WNOHANG) != -1 || errno != ECHILD; }
 
-class BugreportTest : public ::testing::Test {
+class BugreportTest : public StorageTest {
   protected:
     void SetUp() override {
-        p.enableDebugLog();
+        StorageTest::SetUp();
         p.makeDir("/sdcard/Tellwick");
-        ASSERT_TRUE(service.start());
         p.setProperty("persist.sys.vd.tw_bugreport", "true");
         // Virtual time passes at once, so a tool still starting would count as hung: each
         // step waits (without reaping) until a child of this process has ended; the worker's
@@ -577,8 +533,6 @@ class BugreportTest : public ::testing::Test {
         p.writeFile("/system/bin/bugreportz", "#!/bin/sh\n" + body + "\n");
         ASSERT_EQ(chmod(p.hostPath("/system/bin/bugreportz").c_str(), 0755), 0);
     }
-    TestPlatform p;
-    vdstandin::StandinService service{p.root()};
 };
 
 // What the tool prints decides what is filed: only a regular file named by an absolute path
@@ -605,13 +559,11 @@ TEST_F(BugreportTest, ToolOutputDecidesWhatIsFiled) {
         {"echo 'OK:/data/report.zip'", 0, "/sdcard/Tellwick/TwBugreport-", ""},
         {"echo 'FAIL:no space left'", 3, nullptr, absent + "|Tw Bugreport: the tool named no archive; its last output line: "
                                                           "\"FAIL:no space left\"|Tw Bugreport: bugreportz failed with exit status 3"},
-        {"true", 0, nullptr, absent},
         {nullptr, 1, nullptr, absent},
         // Only the last chunk read counts.
         {"echo 'OK:/data/report.zip'; head -c 6000 /dev/zero | tr '\\0' x", 0, nullptr, absent},
         {"echo 'OK:/bugreports/bugreport-gone.zip'", 0, nullptr, refused("No such file or directory")},
         {"echo 'OK:/../../etc/passwd'", 0, nullptr, refused("Invalid argument")},
-        {"echo 'OK:/bugreports/../etc/bugreport-x'", 0, nullptr, refused("Invalid argument")},
         {"echo 'OK:/bugreports/bugreport-link.zip'", 0, nullptr, refused("Invalid argument")},
         {"echo 'OK:/bugreports/bugreport-dir.zip'", 0, nullptr, refused("Invalid argument")},
         {"echo 'OK:bugreport-relative.zip'", 0, nullptr, refused("Invalid argument")}};
@@ -682,15 +634,12 @@ TEST_F(BugreportTest, HangingToolsAreKilled) {
     EXPECT_EQ(p.readFile("/fds").find(p.hostPath("/held")), std::string::npos);
     close(held);
     // Gone, or a zombie waiting for init.
-    const std::string stat =
-        "/proc/" + std::to_string(std::stoi(p.readFile("/grandchild"))) + "/stat";
-    EXPECT_TRUE(vigild::testing::eventually(
-        [&] {
-            std::ifstream in(stat);
-            std::string pid, name, state;
-            return !(in >> pid >> name >> state) || state == "Z";
-        },
-        10s));
+    auto goneOrZombie = [&] {
+        std::ifstream in("/proc/" + std::to_string(std::stoi(p.readFile("/grandchild"))) + "/stat");
+        std::string pid, name, state;
+        return !(in >> pid >> name >> state) || state == "Z";
+    };
+    EXPECT_TRUE(vigild::testing::eventually(goneOrZombie, 10s));
 }
 
 // Without the service the child is reaped quietly and the archive waits for the next poll.
