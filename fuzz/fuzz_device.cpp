@@ -354,9 +354,7 @@ void FuzzDevice::resetMemory() {
     debug.internalSd = gBaseProperties->at("persist.sys.vd.internal_sd") == "true";
     runState = kStateStopped;
     quickTapModeAtStart = 0;
-    resetConfigValidationForTesting();
-    resetConfigFileForTesting();
-    resetQuickTapForTesting();
+    resetSettingsStateForTesting();
     std::string().swap(gProcesses->output);
     gServices->present = true;
 }

@@ -16,9 +16,8 @@
 #include <vector>
 
 #include "fakes/daemon_process.h"
-#include "fakes/eventually.h"
 #include "fakes/fake_module.h"
-#include "fakes/run_tool.h"
+#include "fakes/test_platform.h"
 #include "standin/standin_service.h"
 #include "vigild/module.h"
 

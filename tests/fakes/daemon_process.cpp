@@ -14,8 +14,6 @@
 #include <fstream>
 #include <utility>
 
-#include "fakes/eventually.h"
-
 extern char** environ;
 
 namespace vigild::testing {

@@ -19,33 +19,29 @@ void resetDaemonStateForTesting() {
     exitRequested = 0;
     quickTapModeAtStart = 0;
     lastCommand.clear();
-    resetServiceReachabilityForTesting();
     skippedLibraries().clear();
+    {
+        using namespace vigild::core::state;
+        vigild::Lock lock(startedMutex);
+        startedModules.clear();
+    }
+    using vigild::service::state::Reachability;
+    Reachability& r = vigild::service::state::reachability();
+    {
+        std::lock_guard<std::mutex> lock(r.mutex);
+        r.state = Reachability::kUnknown;
+        r.unreachableFor = std::chrono::milliseconds{0};
+        r.nextReminder = std::chrono::minutes{1};
+    }
+    resetSettingsStateForTesting();
 }
 
-void resetRunStateForTesting() {
-    using namespace vigild::core::state;
-    vigild::Lock lock(startedMutex);
-    startedModules.clear();
-}
-
-void resetConfigFileForTesting() { restartAfterPathChange = false; }
-
-void resetConfigValidationForTesting() { btSnoopConfigChanged = false; }
-
-void resetQuickTapForTesting() {
+void resetSettingsStateForTesting() {
+    restartAfterPathChange = false;
+    btSnoopConfigChanged = false;
     using namespace vigild::quicktap::state;
     vigild::Lock lock(gTableMutex);
     gTable.clear();
-}
-
-void resetServiceReachabilityForTesting() {
-    using vigild::service::state::Reachability;
-    Reachability& r = vigild::service::state::reachability();
-    std::lock_guard<std::mutex> lock(r.mutex);
-    r.state = Reachability::kUnknown;
-    r.unreachableFor = std::chrono::milliseconds{0};
-    r.nextReminder = std::chrono::minutes{1};
 }
 
 void resetDebugSwitchesForTesting() {

@@ -1,14 +1,11 @@
 // Puts the daemon's process-wide state back as a fresh process has it, for tests, fuzz
-// targets and benchmarks that run many cases in one process. TestPlatform calls them all.
+// targets and benchmarks that run many cases in one process. TestPlatform calls both.
 #pragma once
 
-// Registry emptied, run flags cleared, nothing said about the service yet.
+// Registry emptied, run flags cleared, no module started, nothing said about the service yet,
+// and the settings' own state as below.
 void resetDaemonStateForTesting();
-// Forgets which modules were started.
-void resetRunStateForTesting();
-void resetConfigFileForTesting();
-void resetConfigValidationForTesting();
-void resetQuickTapForTesting();
-void resetServiceReachabilityForTesting();
+// The path-change and snoop-change flags cleared, the QuickTap table dropped.
+void resetSettingsStateForTesting();
 // The next use of the debug switches reads their properties again.
 void resetDebugSwitchesForTesting();

@@ -1,6 +1,7 @@
 #include "fakes/test_platform.h"
 
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -8,8 +9,8 @@
 #include <filesystem>
 #include <fstream>
 #include <future>
-#include <memory>
 #include <iterator>
+#include <memory>
 #include <thread>
 
 #include "fakes/reset_state.h"
@@ -141,10 +142,6 @@ TestPlatform::TestPlatform() {
     platform::install(p);
     resetDebugSwitchesForTesting();
     resetDaemonStateForTesting();
-    resetRunStateForTesting();
-    resetConfigFileForTesting();
-    resetConfigValidationForTesting();
-    resetQuickTapForTesting();
 }
 
 TestPlatform::~TestPlatform() {
@@ -169,6 +166,25 @@ bool finishesWithin(std::function<void()> fn, std::chrono::milliseconds timeout)
     }
     worker.detach();
     return false;
+}
+
+bool eventually(const std::function<bool()>& condition, std::chrono::milliseconds timeout) {
+    const auto deadline = std::chrono::steady_clock::now() + timeout;
+    while (!condition()) {
+        if (std::chrono::steady_clock::now() > deadline) return false;
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+    return true;
+}
+
+int runTool(const std::string& tool, const std::string& args, std::string* out) {
+    FILE* f = popen((tool + " " + args + " 2>&1").c_str(), "r");
+    if (f == nullptr) return -1;
+    char buffer[4096];
+    out->clear();
+    while (size_t n = fread(buffer, 1, sizeof(buffer), f)) out->append(buffer, n);
+    const int status = pclose(f);
+    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
 }
 
 namespace {

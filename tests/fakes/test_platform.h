@@ -6,20 +6,19 @@
 // (reset_state.h); destroying it removes the temporary root.
 #pragma once
 
+#include <unistd.h>
+
 #include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <chrono>
+#include <cstdio>
 #include <deque>
 #include <filesystem>
 #include <functional>
 #include <mutex>
 #include <string>
 #include <vector>
-
-#include <unistd.h>
-
-#include <cstdio>
 
 #include "fakes/reset_state.h"
 #include "platform/host/host_platform.h"
@@ -127,7 +126,8 @@ class FaultyFiles : public platform::Files {
     int calls() const { return calls_.load(); }
 
     ssize_t write(int fd, const void* data, size_t size) override {
-        return faultHere([&] { (void)!::write(fd, data, size / 2); }) ? -1 : ::write(fd, data, size);
+        return faultHere([&] { (void)!::write(fd, data, size / 2); }) ? -1
+                                                                      : ::write(fd, data, size);
     }
     ssize_t copyRange(int in, int out, size_t size) override;
     int fsync(int fd) override { return faultHere() ? -1 : ::fsync(fd); }
@@ -207,6 +207,14 @@ class TestPlatform : public TempRoot {
 // must end. Returns true when `fn` returned in time (the thread is joined either way only
 // when it returned; otherwise it is detached and the test fails).
 bool finishesWithin(std::function<void()> fn, std::chrono::milliseconds timeout);
+
+// Polls `condition` until it holds or `timeout` of real time has passed (for what another
+// process does); true when it held.
+bool eventually(const std::function<bool()>& condition, std::chrono::milliseconds timeout);
+
+// Runs `tool args` through the shell, as a user would, with stderr joined to stdout; `out`
+// receives all of it. The exit status, or -1 when it could not start or died of a signal.
+int runTool(const std::string& tool, const std::string& args, std::string* out);
 
 // While alive, runs `action` (what another thread would do) each time the daemon reaches the
 // sync point `name`, so a race is replayed in one fixed order without sleeps.

@@ -8,7 +8,6 @@
 #include <string>
 #include <tuple>
 
-#include "fakes/run_tool.h"
 #include "fakes/test_platform.h"
 
 namespace {

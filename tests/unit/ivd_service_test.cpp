@@ -102,9 +102,6 @@ TEST(ParcelTest, ReadsStopAtTheirBoundsAndSkipHeaders) {
     p.readInt32();
     for (size_t n : {size_t{3}, size_t{2}, SIZE_MAX}) EXPECT_FALSE(p.read(buf, n)) << n;
     EXPECT_EQ(p.dataPosition(), 4u);
-    Parcel w;
-    w.writeString16(u"\u0142");
-    EXPECT_EQ(w.data(), hex("01000000 42010000"));
 }
 
 class FakeBinder : public vigild::platform::Binder {
@@ -291,16 +288,12 @@ TEST_F(IvdServiceTest, LogLinesOfTheLinkAndTheDebugSwitch) {
     EXPECT_EQ(Ivd_service::getInterface(), nullptr);
     platform.makeDir("/dev/binder/");
     EXPECT_EQ(Ivd_service::getInterface(), nullptr);
-    EXPECT_EQ(Ivd_service::asInterface(nullptr), nullptr);
-    EXPECT_NE(Ivd_service::asInterface(binder), nullptr);
     platform.enableDebugLog();
     proxy.sendState(1);
-    for (const auto& [line, priority] : std::vector<std::pair<const char*, int>>{
-             {"Failed to obtain a handle to the default Service Manager", kLogError},
-             {"Failed to obtain a handle to the vd_service", kLogError},
-             {"vd_service got an exception -3", kLogDebug}}) {
-        EXPECT_TRUE(platform.log().contains(line, priority)) << line;
-    }
+    EXPECT_TRUE(platform.log().contains("Failed to obtain a handle to the default Service Manager",
+                                        kLogError));
+    EXPECT_TRUE(platform.log().contains("Failed to obtain a handle to the vd_service", kLogError));
+    EXPECT_TRUE(platform.log().contains("vd_service got an exception -3", kLogDebug));
 }
 
 // The proxy against the stand-in over a real socket in a temporary device root.
@@ -441,16 +434,10 @@ TEST_F(StandinTest, DeviceReportSendsVersionsThenDocumentThenState) {
     free(now);
 
     service.stop();
-    platform.enableDebugLog();
     runState = kStateStopped;
     sendInfo();
-    int at = -1;
-    for (const char* line : {"sendInfo:BEGIN", "Failed to obtain a handle on vd_service",
-                             "updateState :BEGIN", "sendInfo:END"}) {
-        at = platform.log().indexOf(line, at + 1);
-        ASSERT_GE(at, 0) << line;
-    }
-    EXPECT_FALSE(platform.log().contains("getconfig:BEGIN"));
+    // Once for the versions and the document, skipped together, once for the state.
+    EXPECT_EQ(platform.log().count("Failed to obtain a handle on vd_service", kLogError), 2);
 }
 
 }  // namespace

@@ -5,7 +5,6 @@
 #include <string>
 #include <vector>
 
-#include "fakes/run_tool.h"
 #include "fakes/test_platform.h"
 
 using vdtools::ModuleReport;
@@ -78,9 +77,9 @@ TEST(ModcheckTest, SoundLibraryPassesAndLeavesNoCopyBehind) {
 
 // The tool itself: a library that aborts in init() is reported and the rest still checked.
 TEST(ModcheckTest, ToolSurvivesAnAbortingLibraryAndSetsTheExitStatus) {
-    const std::string tool = std::string(VIGILD_BINARY_DIR) + "/tools/modcheck/vigild-modcheck";
-    auto run = [&](const std::string& args, std::string* out) {
-        return vigild::testing::runTool(tool, args, out);
+    auto run = [](const std::string& args, std::string* out) {
+        return vigild::testing::runTool(VIGILD_BINARY_DIR "/tools/modcheck/vigild-modcheck", args,
+                                        out);
     };
     std::string out;
     EXPECT_EQ(run(library("lib_vd_sound.so"), &out), 0) << out;

@@ -23,7 +23,6 @@
 #include "core/daemon_state.h"
 #include "core/log.h"
 #include "core/module_registry.h"
-#include "fakes/eventually.h"
 #include "fakes/fake_module.h"
 #include "fakes/test_platform.h"
 #include "platform/fs.h"
