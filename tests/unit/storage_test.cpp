@@ -619,9 +619,10 @@ TEST_F(BugreportTest, HangingToolsAreKilled) {
     // It inherits none of the daemon's descriptors.
     const int held = vigild::fs::open("/held", O_RDONLY | O_CREAT, 0644);
     const std::string closed = p.hostPath("/closed");
+    // Output closed before the fork: a child still redirecting its copy would hold the pipe.
     writeTool("ls -l /proc/$$/fd > " + p.hostPath("/fds") +
-              "\nsleep 1000 >/dev/null 2>&1 &\necho $! > " + p.hostPath("/grandchild") +
-              "\nexec >&- 2>&-\ntouch " + closed + "\nexec sleep 1000");
+              "\nexec >&- 2>&-\nsleep 1000 &\necho $! > " + p.hostPath("/grandchild") + "\ntouch " +
+              closed + "\nexec sleep 1000");
     // Platform time stands still until the tool has closed its output.
     p.clock().onSleep([&](std::chrono::milliseconds) {
         vigild::testing::eventually([&] { return access(closed.c_str(), F_OK) == 0; }, 10s);
