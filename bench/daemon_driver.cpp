@@ -526,15 +526,20 @@ long field(const std::string& text, const std::string& key) {
     return at == std::string::npos ? -1 : atol(text.c_str() + at + key.size());
 }
 
+int openDescriptors(pid_t pid) {
+    int n = 0;
+    if (DIR* d = opendir(("/proc/" + std::to_string(pid) + "/fd").c_str())) {
+        while (const dirent* e = readdir(d)) n += e->d_name[0] != '.';
+        closedir(d);
+    }
+    return n;
+}
+
 void sample(pid_t pid, const char* label) {
     const std::string proc = "/proc/" + std::to_string(pid);
     std::string rollup = readText(proc + "/smaps_rollup");
     std::string status = readText(proc + "/status");
-    int fds = 0;
-    if (DIR* d = opendir((proc + "/fd").c_str())) {
-        while (const dirent* e = readdir(d)) fds += e->d_name[0] != '.';
-        closedir(d);
-    }
+    const int fds = openDescriptors(pid);
     long switches = 0;
     // Nanoseconds on a CPU, from each thread's schedstat: finer than the 10 ms clock tick.
     long long cpuNs = 0;
@@ -598,15 +603,6 @@ std::vector<std::string> answers(const std::vector<vdstandin::Record>& records) 
         if (r.method == "sendConfig" && out.back() == "config_get:") out.back() += "=";
     }
     return out;
-}
-
-int openDescriptors(pid_t pid) {
-    int n = 0;
-    if (DIR* d = opendir(("/proc/" + std::to_string(pid) + "/fd").c_str())) {
-        while (const dirent* e = readdir(d)) n += e->d_name[0] != '.';
-        closedir(d);
-    }
-    return n;
 }
 
 int soak(const std::string& vigild, const std::string& root, long commands) {

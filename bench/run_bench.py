@@ -277,16 +277,19 @@ def copying(args, table, results):
               "")
 
 
-def device_root(args):
+# A device root with the twenty benchmark modules, or with `libraries` instead.
+def device_root(args, libraries=None):
     # Short: the service socket lives inside it.
     root = tempfile.mkdtemp(prefix="vdb", dir="/tmp")
     os.makedirs(os.path.join(root, "sdcard", "Tellwick"))
     lib = os.path.join(root, "system", "lib64")
     os.makedirs(lib)
     mods = os.path.join(args.bench, "modules")
-    for name in sorted(os.listdir(mods)):
-        if name.startswith("lib_vd_") and name.endswith(".so"):
-            shutil.copy(os.path.join(mods, name), lib)
+    if libraries is None:
+        libraries = [os.path.join(mods, name) for name in sorted(os.listdir(mods))
+                     if name.startswith("lib_vd_") and name.endswith(".so")]
+    for library in libraries:
+        shutil.copy(library, lib)
     return root
 
 
@@ -347,12 +350,8 @@ def daemon_runs(args, table, results):
 
     # The soak: a long mixed command stream with the logcat module; the driver fails on a lost
     # answer or growing descriptors.
-    root = device_root(args)
+    root = device_root(args, [os.path.join(args.build, "modules", "logcat", "lib_vd_logcat.so")])
     try:
-        for name in os.listdir(os.path.join(root, "system", "lib64")):
-            os.remove(os.path.join(root, "system", "lib64", name))
-        shutil.copy(os.path.join(args.build, "modules", "logcat", "lib_vd_logcat.so"),
-                    os.path.join(root, "system", "lib64"))
         props = os.path.join(root, "dev", "__properties__")
         os.makedirs(props)
         with open(os.path.join(props, "persist.sys.vd.storage_path"), "w") as f:
