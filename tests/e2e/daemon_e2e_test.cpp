@@ -53,13 +53,13 @@ class DaemonE2ETest : public ::testing::Test {
     void SetUp() override {
         ASSERT_TRUE(daemon.makeRoot("/tmp/vde"));
         daemon.installModule(std::string(VIGILD_BINARY_DIR) + "/modules/logcat/lib_vd_logcat.so");
-        fsys::create_directories(daemon.host("/sdcard/Tellwick"));
-        fsys::create_directories(daemon.host("/bugreports"));
+        fsys::create_directories(daemon.hostPath("/sdcard/Tellwick"));
+        fsys::create_directories(daemon.hostPath("/bugreports"));
         startService();
     }
     void TearDown() override {
         daemon.kill();
-        if (mounted) umount2(daemon.host("/sdcard/Tellwick").c_str(), MNT_DETACH);
+        if (mounted) umount2(daemon.hostPath("/sdcard/Tellwick").c_str(), MNT_DETACH);
     }
     void startService() {
         service = std::make_unique<vdstandin::StandinService>(daemon.root());
@@ -78,7 +78,7 @@ class DaemonE2ETest : public ::testing::Test {
             kTimeout);
     }
     bool logged(const std::string& file, const std::string& text, int times = 1) {
-        return eventually([&] { return countOf(daemon.read(file), text) >= times; }, kTimeout);
+        return eventually([&] { return countOf(daemon.readFile(file), text) >= times; }, kTimeout);
     }
     std::string fetchConfig() { return vigild::testing::fetchConfig(*service, kTimeout); }
     void configSet(const std::string& document) {
@@ -107,10 +107,10 @@ class DaemonE2ETest : public ::testing::Test {
 TEST_F(DaemonE2ETest, DiagnosticsOfAFirstStart) {
     service->stop();
     const std::string rejected = "{\n  \"Tellwick Settings\": {\"settings\": [,]}\n}\n";
-    std::ofstream(daemon.host(kConfigFile)) << rejected;
+    std::ofstream(daemon.hostPath(kConfigFile)) << rejected;
     ASSERT_TRUE(daemon.launch({"VIGILD_TIME_SCLAE=1"}));
     ASSERT_TRUE(logged("/vigild.stderr", "still not reachable after 4 min"));
-    const std::string text = daemon.read("/vigild.stderr");
+    const std::string text = daemon.readFile("/vigild.stderr");
     const std::string socket = "socket " + daemon.root() + "/dev/binder/com.tandril.vd.Ivd_service";
     EXPECT_EQ(countOf(text, "vd_service not reachable yet; looking for it at " + socket), 1);
     // After 1, 2 and 4 minutes (8 may just have come), against a line per retry.
@@ -169,7 +169,7 @@ TEST_F(DaemonE2ETest, ChangesRestartOnlyTheChangedModule) {
         withSetting(fetchConfig(), "LogcatModule", "Command", command("tock").c_str());
     configSet(tock);
     ASSERT_TRUE(logged(kLogcatLog, "tock 1"));
-    EXPECT_EQ(countOf(daemon.read(kLogcatLog), header), 2);
+    EXPECT_EQ(countOf(daemon.readFile(kLogcatLog), header), 2);
     size_t states = service->states().size();
     configSet(withSetting(tock, kOwn, kNotifications, "false"));
     ASSERT_TRUE(eventually(
@@ -179,7 +179,7 @@ TEST_F(DaemonE2ETest, ChangesRestartOnlyTheChangedModule) {
                    service->states().back() == 1;
         },
         kTimeout));
-    EXPECT_EQ(countOf(daemon.read(kLogcatLog), header), 2);
+    EXPECT_EQ(countOf(daemon.readFile(kLogcatLog), header), 2);
 }
 
 TEST_F(DaemonE2ETest, ServiceGoingAwayOrKilledInTheMiddleOfCallsAgainAndAgain) {
@@ -195,8 +195,8 @@ TEST_F(DaemonE2ETest, ServiceGoingAwayOrKilledInTheMiddleOfCallsAgainAndAgain) {
     const std::string fds = "/proc/" + std::to_string(daemon.pid()) + "/fd";
     auto descriptors = [&] { return std::distance(fsys::directory_iterator(fds), {}); };
     const auto baseline = descriptors();
-    EXPECT_EQ(countOf(daemon.read("/vigild.stderr"), "vd_service connected ("), 2);
-    EXPECT_EQ(countOf(daemon.read("/vigild.stderr"), "vd_service lost; looking for it"), 1);
+    EXPECT_EQ(countOf(daemon.readFile("/vigild.stderr"), "vd_service connected ("), 2);
+    EXPECT_EQ(countOf(daemon.readFile("/vigild.stderr"), "vd_service lost; looking for it"), 1);
     // The new service believes "stopped": the daemon's own state wins.
     service->queueCommand("refresh_state");
     EXPECT_TRUE(inState(1));
@@ -216,41 +216,42 @@ TEST_F(DaemonE2ETest, ServiceGoingAwayOrKilledInTheMiddleOfCallsAgainAndAgain) {
         }
         service->stop();
         // Never torn: whatever the daemon was doing, the file holds a whole document.
-        EXPECT_NE(notifications(daemon.read(kConfigFile)), "");
+        EXPECT_NE(notifications(daemon.readFile(kConfigFile)), "");
         startService();
         ASSERT_TRUE(fetching()) << "the daemon did not reconnect";
     }
     // What the daemon holds is what it keeps on storage.
     const std::string held = fetchConfig();
-    EXPECT_TRUE(eventually([&] { return daemon.read(kConfigFile) == held; }, kTimeout));
+    EXPECT_TRUE(eventually([&] { return daemon.readFile(kConfigFile) == held; }, kTimeout));
     // A connection or file left open per round would show here.
     EXPECT_TRUE(eventually([&] { return descriptors() <= baseline; }, kTimeout)) << baseline;
 }
 
 TEST_F(DaemonE2ETest, FullDiskDuringABugreportCopyAndAConfigurationSave) {
-    mounted = mount("tmpfs", daemon.host("/sdcard/Tellwick").c_str(), "tmpfs", 0, "size=256k") == 0;
+    mounted =
+        mount("tmpfs", daemon.hostPath("/sdcard/Tellwick").c_str(), "tmpfs", 0, "size=256k") == 0;
     if (!mounted) GTEST_SKIP() << "cannot mount a tmpfs: " << strerror(errno);
     launch();
     const std::string document = fetchConfig();
-    ASSERT_TRUE(eventually([&] { return !daemon.read(kConfigFile).empty(); }, kTimeout));
+    ASSERT_TRUE(eventually([&] { return !daemon.readFile(kConfigFile).empty(); }, kTimeout));
     // An archive larger than the disk: the copy fails and is reported.
-    std::ofstream(daemon.host("/bugreports/bugreport-big.zip")) << std::string(1 << 20, 'z');
+    std::ofstream(daemon.hostPath("/bugreports/bugreport-big.zip")) << std::string(1 << 20, 'z');
     EXPECT_EQ(bugreport("echo 'OK:/bugreports/bugreport-big.zip'"), 0);
     // Whatever the copy left, fill the disk: the save fails and the file stays the last good one.
-    std::ofstream(daemon.host("/sdcard/Tellwick/filler")) << std::string(1 << 20, 'f');
-    const std::string lastGood = daemon.read(kConfigFile);
+    std::ofstream(daemon.hostPath("/sdcard/Tellwick/filler")) << std::string(1 << 20, 'f');
+    const std::string lastGood = daemon.readFile(kConfigFile);
     ASSERT_EQ(notifications(lastGood), "true");
     size_t echoes = service->configs().size();
     configSet(withSetting(document, kOwn, kNotifications, "false"));
     ASSERT_TRUE(eventually([&] { return service->configs().size() > echoes; }, kTimeout));
-    EXPECT_EQ(daemon.read(kConfigFile), lastGood);
+    EXPECT_EQ(daemon.readFile(kConfigFile), lastGood);
     ASSERT_TRUE(daemon.alive());
     // Room again: the next change is saved.
-    fsys::remove(daemon.host("/sdcard/Tellwick/filler"));
-    fsys::remove(daemon.host("/sdcard/Tellwick/TwBugreport-big.zip"));
+    fsys::remove(daemon.hostPath("/sdcard/Tellwick/filler"));
+    fsys::remove(daemon.hostPath("/sdcard/Tellwick/TwBugreport-big.zip"));
     configSet(withSetting(document, kOwn, kNotifications, "false"));
-    EXPECT_TRUE(
-        eventually([&] { return notifications(daemon.read(kConfigFile)) == "false"; }, kTimeout));
+    EXPECT_TRUE(eventually([&] { return notifications(daemon.readFile(kConfigFile)) == "false"; },
+                           kTimeout));
 }
 
 // A module whose start() never returns holds the command thread: the state stays "transition"
@@ -263,12 +264,12 @@ TEST_F(DaemonE2ETest, ModuleWhoseStartNeverReturns) {
     ASSERT_TRUE(eventually([&] { return fsys::exists(marker); }, kTimeout));
     ASSERT_TRUE(inState(2));
     // A deleted configuration file is written back.
-    ASSERT_TRUE(fsys::remove(daemon.host(kConfigFile)));
-    EXPECT_TRUE(
-        eventually([&] { return notifications(daemon.read(kConfigFile)) == "true"; }, kTimeout));
-    std::ofstream(daemon.host("/bugreports/bugreport-hung.zip")) << "zip";
+    ASSERT_TRUE(fsys::remove(daemon.hostPath(kConfigFile)));
+    EXPECT_TRUE(eventually([&] { return notifications(daemon.readFile(kConfigFile)) == "true"; },
+                           kTimeout));
+    std::ofstream(daemon.hostPath("/bugreports/bugreport-hung.zip")) << "zip";
     EXPECT_EQ(bugreport("echo 'OK:/bugreports/bugreport-hung.zip'"), 1);
-    EXPECT_EQ(daemon.read("/sdcard/Tellwick/TwBugreport-hung.zip"), "zip");
+    EXPECT_EQ(daemon.readFile("/sdcard/Tellwick/TwBugreport-hung.zip"), "zip");
     EXPECT_EQ(service->states().back(), 2);
     EXPECT_EQ(service->waitingForCommand(), 0);
 }

@@ -45,7 +45,7 @@ class StandinE2ETest : public ::testing::Test {
     int run(const std::string& args, std::string* out) {
         return vigild::testing::runTool(kStandin, "--root " + daemon_.root() + " " + args, out);
     }
-    bool serving() { return std::filesystem::exists(daemon_.host("/dev/vd-standin.ctl")); }
+    bool serving() { return std::filesystem::exists(daemon_.hostPath("/dev/vd-standin.ctl")); }
     void serve(std::vector<std::string> args = {}) {
         args.insert(args.begin(), {kStandin, "--root", daemon_.root(), "serve"});
         server_ = daemon_.spawn(args, "/serve.out", "/serve.err");
@@ -54,7 +54,7 @@ class StandinE2ETest : public ::testing::Test {
     // A clean stop: exit status 0 (no crash, no sanitizer report), the control socket removed.
     void stopServing() {
         if (server_ > 0) {
-            EXPECT_EQ(daemon_.terminate(server_), 0) << daemon_.read("/serve.err");
+            EXPECT_EQ(daemon_.terminate(server_), 0) << daemon_.readFile("/serve.err");
         }
         EXPECT_FALSE(serving());
         server_ = -1;
@@ -91,9 +91,9 @@ TEST_F(StandinE2ETest, StatusConfigSetAndWatchOnALiveDaemon) {
     }
 
     ASSERT_EQ(run("config get --fresh", &out), 0) << out;
-    std::ofstream(daemon_.host("/bad.json"))
+    std::ofstream(daemon_.hostPath("/bad.json"))
         << vigild::testing::withSetting(out, "LogcatModule", "Log Path", "/data/elsewhere/");
-    const std::string watchFile = daemon_.host("/watch.jsonl");
+    const std::string watchFile = daemon_.hostPath("/watch.jsonl");
     std::thread watcher([&] {
         std::string ignored;
         run("watch --json >" + watchFile, &ignored);
@@ -105,7 +105,7 @@ TEST_F(StandinE2ETest, StatusConfigSetAndWatchOnALiveDaemon) {
                    std::filesystem::file_size(watchFile) > 0;
         },
         kTimeout));
-    EXPECT_EQ(run("config set " + daemon_.host("/bad.json"), &out), 1);
+    EXPECT_EQ(run("config set " + daemon_.hostPath("/bad.json"), &out), 1);
     EXPECT_NE(out.find("LogcatModule / Log Path: Log Path must be a folder"), std::string::npos)
         << out;
     ASSERT_EQ(run("status --json", &out), 0);
@@ -153,7 +153,7 @@ TEST_F(StandinE2ETest, ExitStatusTable) {
         EXPECT_EQ(run(c.args, &out), c.status) << c.args << "\n" << out;
         EXPECT_NE(out.find(c.output), std::string::npos) << c.args << "\n" << out;
     }
-    EXPECT_FALSE(std::filesystem::exists(daemon_.host("/dev/binder")));
+    EXPECT_FALSE(std::filesystem::exists(daemon_.hostPath("/dev/binder")));
 
     serve();  // no daemon: nothing to answer
     EXPECT_EQ(run("config get", &out), 1);
@@ -187,7 +187,9 @@ class ConsoleE2ETest : public StandinE2ETest {
         const std::regex address(R"(http://127\.0\.0\.1:(\d+)/)");
         std::string printed;
         ASSERT_TRUE(eventually(
-            [&] { return std::regex_search(printed = daemon_.read("/serve.out"), port, address); },
+            [&] {
+                return std::regex_search(printed = daemon_.readFile("/serve.out"), port, address);
+            },
             kTimeout))
             << printed;
         port_ = std::stoi(port[1]);

@@ -31,13 +31,13 @@ bool DaemonProcess::makeRoot(const std::string& prefix) {
 }
 
 void DaemonProcess::installModule(const std::string& library) {
-    fsys::copy_file(library, host("/system/lib64/" + fsys::path(library).filename().string()));
+    fsys::copy_file(library, hostPath("/system/lib64/" + fsys::path(library).filename().string()));
 }
 
 void DaemonProcess::writeBugreportTool(const std::string& body) {
     writeFile("/system/bin/bugreportz.new", "#!/bin/sh\n" + body + "\n");
-    fsys::permissions(host("/system/bin/bugreportz.new"), fsys::perms::owner_all);
-    fsys::rename(host("/system/bin/bugreportz.new"), host("/system/bin/bugreportz"));
+    fsys::permissions(hostPath("/system/bin/bugreportz.new"), fsys::perms::owner_all);
+    fsys::rename(hostPath("/system/bin/bugreportz.new"), hostPath("/system/bin/bugreportz"));
 }
 
 pid_t DaemonProcess::spawn(const std::vector<std::string>& argv, const std::string& out,
@@ -56,9 +56,10 @@ pid_t DaemonProcess::spawn(const std::vector<std::string>& argv, const std::stri
     posix_spawn_file_actions_init(&actions);
     const int flags = O_WRONLY | O_CREAT | O_APPEND;
     if (!out.empty()) {
-        posix_spawn_file_actions_addopen(&actions, STDOUT_FILENO, host(out).c_str(), flags, 0644);
+        posix_spawn_file_actions_addopen(&actions, STDOUT_FILENO, hostPath(out).c_str(), flags,
+                                         0644);
     }
-    posix_spawn_file_actions_addopen(&actions, STDERR_FILENO, host(err).c_str(), flags, 0644);
+    posix_spawn_file_actions_addopen(&actions, STDERR_FILENO, hostPath(err).c_str(), flags, 0644);
     pid_t pid = -1;
     int error = posix_spawn(&pid, args[0], &actions, nullptr, args.data(), envp.data());
     posix_spawn_file_actions_destroy(&actions);

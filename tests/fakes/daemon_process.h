@@ -24,9 +24,6 @@ class DaemonProcess : public TempRoot {
     // which the storage root is already "/sdcard/", as after an earlier boot. False when the
     // folder cannot be made.
     bool makeRoot(const std::string& prefix);
-    // hostPath() and readFile() by the names the end-to-end tests use.
-    std::string host(const std::string& devicePath) const { return hostPath(devicePath); }
-    std::string read(const std::string& devicePath) const { return readFile(devicePath); }
 
     // Copies a built module library into /system/lib64.
     void installModule(const std::string& library);
